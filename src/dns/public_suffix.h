@@ -1,0 +1,40 @@
+// The domain of a name: the registered part under a public suffix, or a configured suffix.
+//
+// The built-in rules are the ICANN section of the Public Suffix List, compiled into the program.
+// A DomainSuffixes object holds the two lookup sets in the stored form (lower case, with a
+// trailing "." in the trailing-dot form). It is filled while the configuration is read and only
+// read afterwards, so any number of forwarder threads may call domain_offset at once.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <unordered_set>
+#include <vector>
+
+namespace ns::net::dns {
+
+// The built-in rule list in the list's own order, exactly as written ("ac", "com.ac", ... "*.ck",
+// "!www.ck" ...), for print-psl.
+const std::vector<std::string_view>& builtin_rules();
+
+class DomainSuffixes {
+ public:
+  // Empties the built-in set and inserts every built-in rule in the stored form.
+  void build_builtin_set(bool trailing_dot);
+  // Inserts one configured suffix in the stored form.
+  void add_configured_suffix(std::string_view text, bool trailing_dot);
+
+  // Offset in `lower_name` at which its domain starts; `length` when neither set is used.
+  uint32_t domain_offset(const char* lower_name, uint32_t length, bool use_builtin,
+                         bool use_config) const;
+
+  size_t builtin_size() const { return builtin_.size(); }
+  size_t configured_size() const { return configured_.size(); }
+
+ private:
+  std::unordered_set<std::string, std::hash<std::string_view>, std::equal_to<>> builtin_;
+  std::unordered_set<std::string, std::hash<std::string_view>, std::equal_to<>> configured_;
+};
+
+}  // namespace ns::net::dns

@@ -1,0 +1,16 @@
+// UTC time stamps in the three layouts the output formats use. Each appends to `out`.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ns::encoding::time {
+
+// "%04d%02d%02d%02d%02d%02d", 14 characters.
+void formatCompactTime(std::string& out, int64_t seconds);
+// "%04d-%02d-%02dT%02d:%02d:%02d.%uZ" with the microseconds (nanoseconds / 1000) unpadded.
+void formatRfc3339Time(std::string& out, int64_t seconds, uint32_t nanoseconds);
+// "%s %2d %02d:%02d:%02d": month abbreviation, space-padded day, time; 15 characters.
+void formatRfc3164Time(std::string& out, int64_t seconds);
+
+}  // namespace ns::encoding::time

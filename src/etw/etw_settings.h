@@ -1,0 +1,34 @@
+// Options of an ETW listener's trace session and event decoding. Plain values.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace ns::etw {
+
+struct EtwSettings {
+  uint32_t windowsVersion = 0;  // 1 = 2012 R2 ... 5 = 2025; see windows_version.h
+  uint32_t bufferSize = 256;    // kilobytes
+  uint32_t minimumBuffers = 0;
+  uint32_t maximumBuffers = 0;
+  uint32_t flushTimer = 1;  // seconds
+  bool filter = false;      // pass the event-id filter when enabling the provider
+  std::vector<uint16_t> eventIds;
+  uint8_t level = 4;
+  uint64_t matchAnyKeyword = 0x37;
+  uint64_t matchAllKeyword = 0;
+  // Which classes of event are decoded.
+  bool clientQuery = true;       // event 256
+  bool clientResponse = true;    // events 257, 258
+  bool resolverQuery = false;    // event 260
+  bool resolverResponse = false; // event 261
+  // dnstap header fields.
+  bool identityFromEvent = true;  // "event-hostname": the host name carried by the event
+  bool hasVersion = false;
+  std::string version;  // "Vantrelo 2.4.4" when dnstap-version=vantrelo
+  bool hasExtra = false;
+  std::string extra;
+};
+
+}  // namespace ns::etw

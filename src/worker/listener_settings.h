@@ -1,0 +1,29 @@
+// Settings of one `listener` configuration line and their parser.
+#pragma once
+
+#include <string>
+
+#include "encoding/error.h"
+#include "etw/etw_settings.h"
+#include "net/net_settings.h"
+
+namespace ns::worker::listener {
+
+NS_DEFINE_ERROR(ListenerError);
+
+enum class ListenerType { kEtw, kIpv4, kIpv6, kUnix };
+
+struct ListenerSettings {
+  bool etw = true;
+  ListenerType type = ListenerType::kEtw;
+  etw::EtwSettings etwSettings;
+  net::SocketSettings socket;
+  net::tls::TlsSettings tls;
+  net::fstrm::FstrmSettings fstrm;
+};
+
+// Parses one listener value: "<type> [<host> <port> | <path>] name=value...".
+// Throws ListenerError with the offending part in the message.
+ListenerSettings parse(const std::string& value);
+
+}  // namespace ns::worker::listener
