@@ -1,12 +1,15 @@
 // The domain of a name: the registered part under a public suffix, or a configured suffix.
 //
 // The built-in rules are the ICANN section of the Public Suffix List, compiled into the program.
-// A DomainSuffixes object holds the two lookup sets in the stored form (lower case, with a
+// A DomainSuffixes object owns the two lookup sets in the stored form (lower case, with a
 // trailing "." in the trailing-dot form). It is filled while the configuration is read and only
-// read afterwards, so any number of forwarder threads may call domain_offset at once.
+// read afterwards, so any number of forwarder threads may call domain_offset at once; filling is
+// not thread-safe.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <unordered_set>
@@ -22,10 +25,12 @@ class DomainSuffixes {
  public:
   // Empties the built-in set and inserts every built-in rule in the stored form.
   void build_builtin_set(bool trailing_dot);
-  // Inserts one configured suffix in the stored form.
+  // Inserts one configured suffix in the stored form. The caller has already removed trailing
+  // dots and refused an empty suffix.
   void add_configured_suffix(std::string_view text, bool trailing_dot);
 
-  // Offset in `lower_name` at which its domain starts; `length` when neither set is used.
+  // Offset in `lower_name` at which its domain starts; `length` when neither set is used. Wildcard
+  // and exception rules match only as exact texts, which no printed name is. Allocates nothing.
   uint32_t domain_offset(const char* lower_name, uint32_t length, bool use_builtin,
                          bool use_config) const;
 
@@ -33,8 +38,19 @@ class DomainSuffixes {
   size_t configured_size() const { return configured_.size(); }
 
  private:
-  std::unordered_set<std::string, std::hash<std::string_view>, std::equal_to<>> builtin_;
-  std::unordered_set<std::string, std::hash<std::string_view>, std::equal_to<>> configured_;
+  // Lets the sets be searched with a string_view into the name without building a string.
+  struct TransparentHash {
+    using is_transparent = void;
+    size_t operator()(std::string_view text) const noexcept {
+      return std::hash<std::string_view>{}(text);
+    }
+  };
+  using SuffixSet = std::unordered_set<std::string, TransparentHash, std::equal_to<>>;
+
+  static void insert(SuffixSet& set, std::string_view text, bool trailing_dot);
+
+  SuffixSet builtin_;
+  SuffixSet configured_;
 };
 
 }  // namespace ns::net::dns
