@@ -1,4 +1,6 @@
-// UTC time stamps in the three layouts the output formats use. Each appends to `out`.
+// UTC time stamps in the three layouts the output formats use. Each appends to `out`. The
+// calendar breakdown is computed here (proleptic Gregorian, any 64-bit time), so Windows and
+// Linux agree for every year, 2038 and later included. Thread-safe: no shared state.
 #pragma once
 
 #include <cstdint>
