@@ -1,0 +1,288 @@
+// Winsock system layer of Socket. Waits use select(), which on Windows takes a set of handles
+// rather than a bit map, so any handle value fits. Unix-domain sockets exist since Windows 10
+// 1803; their address layout is defined here because not every SDK ships afunix.h.
+#include <windows.h>
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <cstring>
+
+#include "encoding/error.h"
+#include "net/socket_platform.h"
+
+namespace ns::net::sys {
+
+namespace {
+
+constexpr long kPassSeconds = 1;
+constexpr int kUnixFamily = 1;                 // AF_UNIX
+constexpr DWORD kUnixReparseTag = 0x80000023;  // IO_REPARSE_TAG_AF_UNIX
+
+struct UnixSocketAddress {
+  ADDRESS_FAMILY sun_family;
+  char sun_path[108];
+};
+
+int nativeFamily(AddressFamily family) {
+  switch (family) {
+    case AddressFamily::kIpv4:
+      return AF_INET;
+    case AddressFamily::kIpv6:
+      return AF_INET6;
+    case AddressFamily::kUnix:
+      return kUnixFamily;
+  }
+  return AF_UNSPEC;
+}
+
+SOCKET sock(uintptr_t handle) { return static_cast<SOCKET>(handle); }
+
+const sockaddr* asSockaddr(const SocketAddress& address) {
+  return reinterpret_cast<const sockaddr*>(address.bytes);
+}
+
+static_assert(sizeof(SocketAddress::bytes) >= sizeof(sockaddr_storage));
+static_assert(sizeof(SocketAddress::bytes) >= sizeof(UnixSocketAddress));
+
+}  // namespace
+
+const uintptr_t kInvalidHandle = static_cast<uintptr_t>(INVALID_SOCKET);
+
+int startup() {
+  WSADATA data;
+  return ::WSAStartup(MAKEWORD(2, 2), &data);
+}
+
+int lastError() { return WSAGetLastError(); }
+
+std::string errorText(int code) { return error::systemErrorText(static_cast<uint32_t>(code)); }
+
+bool wouldBlock(int code) { return code == WSAEWOULDBLOCK || code == WSAEINPROGRESS; }
+
+uintptr_t openSocket(AddressFamily family) {
+  int protocol = family == AddressFamily::kUnix ? 0 : IPPROTO_TCP;
+  return static_cast<uintptr_t>(::socket(nativeFamily(family), SOCK_STREAM, protocol));
+}
+
+void closeSocket(uintptr_t handle) {
+  ::shutdown(sock(handle), SD_BOTH);
+  ::closesocket(sock(handle));
+}
+
+int setNonBlocking(uintptr_t handle) {
+  u_long one = 1;
+  return ::ioctlsocket(sock(handle), FIONBIO, &one) == SOCKET_ERROR ? -1 : 0;
+}
+
+int setBufferSize(uintptr_t handle, bool send, uint32_t size) {
+  int value = static_cast<int>(size);
+  return ::setsockopt(sock(handle), SOL_SOCKET, send ? SO_SNDBUF : SO_RCVBUF,
+                      reinterpret_cast<const char*>(&value), sizeof value) == SOCKET_ERROR
+             ? -1
+             : 0;
+}
+
+void setReuseAddress(uintptr_t handle) {
+  int one = 1;
+  ::setsockopt(sock(handle), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one),
+               sizeof one);
+}
+
+bool makeIpAddress(SocketAddress& out, bool ipv6, const std::string& host, uint16_t port) {
+  out = SocketAddress();
+  if (ipv6) {
+    auto* address = reinterpret_cast<sockaddr_in6*>(out.bytes);
+    address->sin6_family = AF_INET6;
+    address->sin6_port = htons(port);
+    if (::inet_pton(AF_INET6, host.c_str(), &address->sin6_addr) != 1) {
+      ::WSASetLastError(WSAEINVAL);  // inet_pton reports "not an address" without an error code
+      return false;
+    }
+    out.length = sizeof(sockaddr_in6);
+    out.family = AddressFamily::kIpv6;
+  } else {
+    auto* address = reinterpret_cast<sockaddr_in*>(out.bytes);
+    address->sin_family = AF_INET;
+    address->sin_port = htons(port);
+    if (::inet_pton(AF_INET, host.c_str(), &address->sin_addr) != 1) {
+      ::WSASetLastError(WSAEINVAL);
+      return false;
+    }
+    out.length = sizeof(sockaddr_in);
+    out.family = AddressFamily::kIpv4;
+  }
+  return true;
+}
+
+bool makeUnixAddress(SocketAddress& out, const std::string& path) {
+  out = SocketAddress();
+  auto* address = reinterpret_cast<UnixSocketAddress*>(out.bytes);
+  if (path.empty() || path.size() >= sizeof address->sun_path) return false;
+  address->sun_family = kUnixFamily;
+  std::memcpy(address->sun_path, path.data(), path.size());
+  out.length = sizeof(UnixSocketAddress);
+  out.family = AddressFamily::kUnix;
+  return true;
+}
+
+int resolve(std::vector<SocketAddress>& out, const std::string& host, uint16_t port, bool ipv6,
+            std::string& errorText) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICSERV;
+  hints.ai_family = ipv6 ? AF_INET6 : AF_INET;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_protocol = IPPROTO_TCP;
+  addrinfo* list = nullptr;
+  int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
+  if (result != 0) {
+    errorText = error::systemErrorText(static_cast<uint32_t>(result));
+    return result;
+  }
+  for (addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
+    if (entry->ai_family != hints.ai_family || entry->ai_addrlen > sizeof(SocketAddress::bytes)) {
+      continue;
+    }
+    SocketAddress address;
+    std::memcpy(address.bytes, entry->ai_addr, entry->ai_addrlen);
+    address.length = static_cast<uint32_t>(entry->ai_addrlen);
+    address.family = ipv6 ? AddressFamily::kIpv6 : AddressFamily::kIpv4;
+    if (ipv6) {
+      reinterpret_cast<sockaddr_in6*>(address.bytes)->sin6_port = htons(port);
+    } else {
+      reinterpret_cast<sockaddr_in*>(address.bytes)->sin_port = htons(port);
+    }
+    out.push_back(address);
+  }
+  ::freeaddrinfo(list);
+  return 0;
+}
+
+std::string addressText(const SocketAddress& address) {
+  char text[INET6_ADDRSTRLEN] = {};
+  if (address.family == AddressFamily::kIpv6) {
+    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address.bytes)->sin6_addr, text,
+                sizeof text);
+  } else {
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address.bytes)->sin_addr, text,
+                sizeof text);
+  }
+  return text;
+}
+
+int connect(uintptr_t handle, const SocketAddress& address) {
+  return ::connect(sock(handle), asSockaddr(address), static_cast<int>(address.length)) ==
+                 SOCKET_ERROR
+             ? -1
+             : 0;
+}
+
+int bind(uintptr_t handle, const SocketAddress& address) {
+  return ::bind(sock(handle), asSockaddr(address), static_cast<int>(address.length)) == SOCKET_ERROR
+             ? -1
+             : 0;
+}
+
+int listen(uintptr_t handle, uint32_t backlog) {
+  return ::listen(sock(handle), static_cast<int>(backlog)) == SOCKET_ERROR ? -1 : 0;
+}
+
+uintptr_t accept(uintptr_t handle) {
+  return static_cast<uintptr_t>(::accept(sock(handle), nullptr, nullptr));
+}
+
+int pendingError(uintptr_t handle, int& error) {
+  int length = sizeof error;
+  return ::getsockopt(sock(handle), SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error),
+                      &length) == SOCKET_ERROR
+             ? -1
+             : 0;
+}
+
+int waitOnce(uintptr_t handle, bool forRead) {
+  fd_set set;
+  FD_ZERO(&set);
+  FD_SET(sock(handle), &set);
+  timeval timeout{kPassSeconds, 0};
+  // A failed non-blocking connect is reported in the except set, not the write set; watch it
+  // too so that a refused connection ends the wait at once and SO_ERROR tells why.
+  fd_set failed;
+  FD_ZERO(&failed);
+  FD_SET(sock(handle), &failed);
+  return ::select(0, forRead ? &set : nullptr, forRead ? nullptr : &set,
+                  forRead ? nullptr : &failed, &timeout);
+}
+
+long recv(uintptr_t handle, void* buffer, size_t size) {
+  int chunk = size > 0x7fffffff ? 0x7fffffff : static_cast<int>(size);
+  int result = ::recv(sock(handle), static_cast<char*>(buffer), chunk, 0);
+  return result == SOCKET_ERROR ? -1 : result;
+}
+
+long send(uintptr_t handle, const void* buffer, size_t size) {
+  int chunk = size > 0x7fffffff ? 0x7fffffff : static_cast<int>(size);
+  int result = ::send(sock(handle), static_cast<const char*>(buffer), chunk, 0);
+  return result == SOCKET_ERROR ? -1 : result;
+}
+
+size_t bytesAvailable(uintptr_t handle) {
+  u_long count = 0;
+  if (::ioctlsocket(sock(handle), FIONREAD, &count) == SOCKET_ERROR) return 0;
+  return static_cast<size_t>(count);
+}
+
+const char* peer(uintptr_t handle, bool unix, PeerAddress& out, int& error) {
+  sockaddr_storage storage{};
+  int length = sizeof storage;
+  if (::getpeername(sock(handle), reinterpret_cast<sockaddr*>(&storage), &length) == SOCKET_ERROR) {
+    error = WSAGetLastError();
+    return "getpeername";
+  }
+  if (unix || storage.ss_family == kUnixFamily) {
+    // Windows has no peer credentials for Unix-domain sockets; uid, gid and pid stay 0.
+    out.unix = true;
+    return nullptr;
+  }
+  char host[1025];
+  if (::getnameinfo(reinterpret_cast<sockaddr*>(&storage), length, host, sizeof host, nullptr, 0,
+                    NI_NUMERICHOST) != 0) {
+    error = WSAGetLastError();
+    return "getnameinfo";
+  }
+  out.host = host;
+  if (storage.ss_family == AF_INET6) {
+    out.ipv6 = true;
+    out.host = out.host.substr(0, out.host.find('%'));
+    out.port = reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port;
+  } else {
+    out.port = reinterpret_cast<sockaddr_in*>(&storage)->sin_port;
+  }
+  return nullptr;
+}
+
+uint16_t localPort(uintptr_t handle) {
+  sockaddr_storage storage{};
+  int length = sizeof storage;
+  if (::getsockname(sock(handle), reinterpret_cast<sockaddr*>(&storage), &length) == SOCKET_ERROR) {
+    return 0;
+  }
+  if (storage.ss_family == AF_INET6) {
+    return ntohs(reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
+  }
+  if (storage.ss_family == AF_INET)
+    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
+  return 0;
+}
+
+void removeSocketFile(const std::string& path) {
+  // A Unix-domain socket file is a reparse point with its own tag; other files stay.
+  WIN32_FIND_DATAA data;
+  HANDLE find = ::FindFirstFileA(path.c_str(), &data);
+  if (find == INVALID_HANDLE_VALUE) return;
+  ::FindClose(find);
+  if ((data.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0 &&
+      data.dwReserved0 == kUnixReparseTag) {
+    ::DeleteFileA(path.c_str());
+  }
+}
+
+}  // namespace ns::net::sys
