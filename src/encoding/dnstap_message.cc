@@ -89,16 +89,16 @@ inline uint32_t readVarint(uint64_t& out, const uint8_t* data, uint32_t size, ui
 }
 
 // Reads a field's value into the record after its wire type has been checked.
-uint32_t readValue(DnstapMessage& record, const FieldSpec& spec, const uint8_t* data, uint32_t size,
-                   uint32_t offset) {
-  if (spec.bytes != nullptr) {
+uint32_t readValue(DnstapMessage& record, const FieldSpec& layout, const uint8_t* data,
+                   uint32_t size, uint32_t offset) {
+  if (layout.bytes != nullptr) {
     uint64_t length;
     uint32_t content = decodeBytesLength(length, data, size, offset);
-    (record.*spec.bytes).assign(reinterpret_cast<const char*>(data + content), length);
+    (record.*layout.bytes).assign(reinterpret_cast<const char*>(data + content), length);
     return content + static_cast<uint32_t>(length);
   }
-  if (spec.number != nullptr) return readVarint(record.*spec.number, data, size, offset);
-  return decodeFixed32(record.*spec.fixed32, data, size, offset);
+  if (layout.number != nullptr) return readVarint(record.*layout.number, data, size, offset);
+  return decodeFixed32(record.*layout.fixed32, data, size, offset);
 }
 
 // Detects an outer parse that has come back to an offset it already started from. That can
@@ -158,12 +158,12 @@ uint32_t DnstapMessage::decode(const uint8_t* data, uint32_t size, uint32_t offs
     uint64_t field = tag >> kFieldShift;
     uint32_t wireType = static_cast<uint32_t>(tag & kWireTypeMask);
 
-    if (const FieldSpec& spec = lookUp(kFrameFields, field); spec.name != nullptr) {
-      if (wireType != spec.wireType) {
-        throw DnstapError(std::string("Expected ") + spec.name +
+    if (const FieldSpec& layout = lookUp(kFrameFields, field); layout.name != nullptr) {
+      if (wireType != layout.wireType) {
+        throw DnstapError(std::string("Expected ") + layout.name +
                           " field to use bytes type but got " + std::to_string(wireType));
       }
-      offset = readValue(*this, spec, data, size, offset);
+      offset = readValue(*this, layout, data, size, offset);
     } else if (field == kFrameType) {
       if (wireType != kWireVarint) {
         throw DnstapError("Expected type field to use varint type but got " +
