@@ -19,15 +19,19 @@ namespace ns::event::queue {
 NS_DEFINE_ERROR(QueueError);
 
 struct QueueOptions {
-  uint64_t size = 104857600;          // capacity of the ring in bytes
-  bool recovery = true;               // save to and reload from `filename`
+  uint64_t size = 104857600;  // capacity of the ring in bytes
+  bool recovery = true;       // save to and reload from `filename`
   std::string filename = "event.queue";
 };
 
 inline constexpr uint32_t kMaxEventLength = 16777215;  // what a 3-byte length can say
+inline constexpr uint32_t kLengthBytes = 3;            // per-event overhead in the ring
 
+// The queue owns its ring buffer (freed with the queue) and a copy of its options. Every member
+// function is thread-safe; the ring and its indices are only touched under the data mutex.
 class EventQueue {
  public:
+  // Throws QueueError when the ring cannot be allocated.
   explicit EventQueue(const QueueOptions& options);
   ~EventQueue();
   EventQueue(const EventQueue&) = delete;
@@ -48,12 +52,23 @@ class EventQueue {
   uint64_t count() const { return count_.load(); }
 
  private:
-  // Implementation detail, owned by the event module's developer.
+  // Bytes held in the ring; caller holds dataMutex_.
+  uint64_t usedBytes() const;
+  bool empty() const { return !wrapped_ && readIndex_ >= writeIndex_; }
+  // The 3-byte length at readIndex_, read across the end of the ring; caller holds dataMutex_.
+  uint32_t lengthAtRead() const;
+  // Moves readIndex_ by `count` bytes, wrapping (and clearing wrapped_) at the end of the ring.
+  void advanceRead(uint64_t count);
+  // Copies `length` bytes in at writeIndex_, in at most two pieces around the end of the ring.
+  void write(const uint8_t* data, uint64_t length);
+  // Removes the oldest event without reading it out.
+  void dropOldest();
+
   QueueOptions options_;
   uint8_t* buffer_ = nullptr;
-  uint64_t readIndex_ = 0;
-  uint64_t writeIndex_ = 0;
-  bool wrapped_ = false;
+  uint64_t readIndex_ = 0;   // first length byte of the oldest event
+  uint64_t writeIndex_ = 0;  // where the next byte goes
+  bool wrapped_ = false;     // the writer has passed the end of the ring, the reader not yet
   std::mutex dataMutex_;
   std::mutex waitMutex_;
   std::condition_variable condition_;

@@ -4,8 +4,11 @@
 // event bytes modulo 256 and the event bytes, oldest first, to the end of the file. Saving writes
 // a ".tmp" file and renames it over the old one; loading consumes (removes) the file.
 // Both do nothing when the queue's recovery option is off. Failures throw QueueError.
+// The functions keep no state; the caller makes sure no other thread saves or loads the same
+// file at the same time (the queue itself is thread-safe).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -14,8 +17,18 @@
 
 namespace ns::event::queue {
 
+inline constexpr char kQueueFileMagic[4] = {'s', 's', 'l', 'z'};
+inline constexpr size_t kRecordHeadBytes = 5;  // 4-byte length and 1-byte checksum
+
+// Drains the queue into the file. A zero-length event ends the save; what stands behind it stays
+// in the queue.
 void save(EventQueue& queue);
+// Pushes every event of the file into the queue, then removes the file. A failure leaves the
+// events pushed so far in the queue and the file in place.
 void load(EventQueue& queue);
+
+// The sum of the bytes modulo 256, as stored in each record.
+uint8_t checksum(const uint8_t* data, size_t length);
 
 }  // namespace ns::event::queue
 

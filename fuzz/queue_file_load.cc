@@ -1,0 +1,46 @@
+// Loads arbitrary bytes as a queue file into a small queue: any input may fail to load, but
+// only with the module's own errors, and whatever was loaded must pop back out.
+#include <cstdint>
+#include <cstdio>
+#include <filesystem>
+#include <random>
+#include <string>
+
+#include "event/queue_file.h"
+
+namespace {
+
+const std::string& scratchPath() {
+  // One file per process, so parallel fuzzing jobs do not share it.
+  static const std::string path =
+      (std::filesystem::temp_directory_path() /
+       ("vantrelo_queue_file_load_" + std::to_string(std::random_device()()) + ".queue"))
+          .string();
+  return path;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string& path = scratchPath();
+  {
+    std::FILE* file = std::fopen(path.c_str(), "wb");
+    if (file == nullptr) return 0;
+    const bool written = std::fwrite(data, 1, size, file) == size;
+    std::fclose(file);
+    if (!written) return 0;
+  }
+  ns::event::queue::QueueOptions options;
+  options.size = 256;
+  options.filename = path;
+  ns::event::queue::EventQueue queue(options);
+  try {
+    ns::event::queue::load(queue);
+  } catch (const ns::event::queue::QueueError&) {
+  } catch (const ns::file::FileError&) {
+  }
+  std::string out;
+  while (queue.count() > 0) queue.pop(out);
+  std::remove(path.c_str());
+  return 0;
+}
