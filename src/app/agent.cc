@@ -1,0 +1,121 @@
+#include "app/agent.h"
+
+#include <exception>
+#include <memory>
+#include <vector>
+
+#include "app/config.h"
+#include "app/platform.h"
+#include "app/process_state.h"
+#include "app/settings_reader.h"
+#include "encoding/log.h"
+#include "event/queue_file.h"
+
+namespace ns::app {
+
+namespace {
+
+using WorkerList = std::vector<std::unique_ptr<Worker>>;
+
+// Everything one run owns. Members are destroyed in reverse order: the background logger, the
+// listeners, the forwarders, the queue, then the settings the workers were built from.
+struct Run {
+  config::AgentConfig config;
+  format::MessageSettings messageSettings;
+  event::queue::QueueOptions queueOptions;
+  std::vector<worker::forwarder::ForwarderSettings> forwarderSettings;
+  std::vector<worker::listener::ListenerSettings> listenerSettings;
+  format::MetricsSettings metricsSettings;
+  std::unique_ptr<event::queue::EventQueue> queue;
+  WorkerList forwarders;
+  WorkerList listeners;
+  std::unique_ptr<Worker> backgroundLogger;
+};
+
+void readSettings(Run& run) {
+  config::readMessageSettings(run.config, run.messageSettings);
+  config::readQueueSettings(run.config, run.queueOptions);
+  config::readForwarderSettings(run.config, standardOutputMode(), run.forwarderSettings);
+  config::readListenerSettings(run.config, run.listenerSettings);
+  config::readMetricsSettings(run.config, run.metricsSettings);
+}
+
+void createWorkers(Run& run, WorkerFactory& factory) {
+  uint32_t id = 0;
+  for (const auto& settings : run.forwarderSettings) {
+    if (auto worker = factory.createForwarder(id++, settings, *run.queue, run.messageSettings)) {
+      run.forwarders.push_back(std::move(worker));
+    }
+  }
+  id = 0;
+  for (const auto& settings : run.listenerSettings) {
+    if (auto worker = factory.createListener(id++, settings, *run.queue)) {
+      run.listeners.push_back(std::move(worker));
+    }
+  }
+  run.backgroundLogger = factory.createBackgroundLogger(run.metricsSettings, *run.queue);
+}
+
+void startWorkers(Run& run) {
+  for (auto& worker : run.forwarders) worker->start();
+  for (auto& worker : run.listeners) worker->start();
+  if (run.backgroundLogger) run.backgroundLogger->start();
+}
+
+// Sources first, so that nothing new enters the queue while the forwarders drain and stop.
+void stopWorkers(Run& run) {
+  for (auto& worker : run.listeners) worker->requestStop();
+  for (auto& worker : run.forwarders) worker->requestStop();
+  // A forwarder waiting for events sleeps in the queue's untimed wait; wake it to see its flag.
+  run.queue->wakeAll();
+  if (run.backgroundLogger) run.backgroundLogger->requestStop();
+  for (auto& worker : run.listeners) worker->join();
+  for (auto& worker : run.forwarders) worker->join();
+  if (run.backgroundLogger) run.backgroundLogger->join();
+}
+
+void runSteps(WorkerFactory* factory) {
+  log::info("Started");
+  const std::string path = configPath();
+  const std::string directory = configDirectory(path);
+  log::info("Changing directory to " + directory);
+  // A failure leaves the agent where it was; opening the file then reports the real problem.
+  platform::changeDirectory(directory);
+  platform::startSockets();
+  log::info("Reading config from " + path);
+
+  Run run;
+  // The path is opened as given, after the change of directory: a relative path with a
+  // directory part is therefore resolved from inside that directory.
+  run.config.readFile(path);
+  readSettings(run);
+  run.queue = std::make_unique<event::queue::EventQueue>(run.queueOptions);
+  if (factory != nullptr) createWorkers(run, *factory);
+  if (!standardOutputMode()) event::queue::load(*run.queue);
+  startWorkers(run);
+
+  waitForStop();
+
+  stopWorkers(run);
+  if (!standardOutputMode()) event::queue::save(*run.queue);
+  log::info("Stopped");
+}
+
+}  // namespace
+
+std::string configDirectory(const std::string& path) {
+  const size_t separator = path.find_last_of("\\/");
+  if (separator == std::string::npos) return ".";
+  return path.substr(0, separator);
+}
+
+void runAgent(WorkerFactory* factory) {
+  platform::installSignalHandlers();
+  try {
+    runSteps(factory);
+  } catch (const std::exception& failure) {
+    log::error(std::string("Run failed: ") + failure.what());
+  }
+}
+
+}  // namespace ns::app

@@ -1,0 +1,40 @@
+// The operating-system services the agent needs, behind one small interface.
+//
+// platform_posix.cc and platform_windows.cc implement the process services (signals, current
+// directory, socket library, host name, process id); system_log_*.cc the system log backend of
+// ns::log; service_*.cc the service control. All functions are called from the agent's own
+// thread; the signal and service-control callbacks they install only call requestStop().
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace ns::app::platform {
+
+// Makes SIGINT and SIGTERM (console Ctrl-C and termination) request a stop. Idempotent.
+void installSignalHandlers();
+
+// Makes `directory` the current directory; false on failure (callers ignore it).
+bool changeDirectory(const std::string& directory);
+
+// Starts the socket library (Winsock 2.2 on Windows; nothing elsewhere). The result is not
+// checked: a socket call made without it fails with its own message.
+void startSockets();
+
+// The machine's host name as gethostname() gives it into a 16-byte buffer; throws
+// ns::error::UnknownError "gethostname() failed: " + the C library's error text.
+std::string hostName();
+
+uint32_t processId();
+
+// Routes the log to the system log (the event log on Windows, syslog elsewhere). Registers the
+// backend once however often it is called; a registration failure is logged as a warning on the
+// console and the log stays on the console.
+void initSystemLog();
+
+// Runs `run` as a service and returns when it has stopped. Where there is no service manager to
+// talk to (a console start, or a system without one) `run` is called in the foreground. Throws
+// ns::error::UnknownError when the service manager cannot be reached for another reason.
+void runService(void (*run)());
+
+}  // namespace ns::app::platform
