@@ -1,0 +1,45 @@
+// The agent's concrete workers: forwarders, listeners and the background logger.
+//
+// AgentWorkers is the WorkerFactory the program hands to the agent run. It keeps plain pointers
+// to the forwarders and listeners it made, in configuration order, and gives them to the
+// background logger, whose report collects the counters of every listener (with its running
+// receivers), of the queue and of every forwarder. The run owns every worker and destroys the
+// background logger first, so the pointers never outlive their objects. One factory serves one
+// run at a time; it is used on the agent's thread only, and the collect function it builds runs
+// on the logger's thread.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include "app/worker.h"
+#include "worker/forwarder.h"
+#include "worker/listener.h"
+
+namespace ns::app {
+
+class AgentWorkers : public WorkerFactory {
+ public:
+  std::unique_ptr<Worker> createForwarder(uint32_t id,
+                                          const worker::forwarder::ForwarderSettings& settings,
+                                          event::queue::EventQueue& queue,
+                                          const format::MessageSettings& formatter) override;
+  std::unique_ptr<Worker> createListener(uint32_t id,
+                                         const worker::listener::ListenerSettings& settings,
+                                         event::queue::EventQueue& queue) override;
+  // Hands the workers made so far to the logger; the next run starts with empty lists.
+  std::unique_ptr<Worker> createBackgroundLogger(const format::MetricsSettings& settings,
+                                                 event::queue::EventQueue& queue) override;
+
+ private:
+  std::vector<worker::forwarder::Forwarder*> forwarders_;
+  std::vector<worker::listener::Listener*> listeners_;
+};
+
+// Fills `snapshot` from the workers' counters and the queue's.
+void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
+                    event::queue::EventQueue& queue,
+                    const std::vector<worker::forwarder::Forwarder*>& forwarders,
+                    format::MetricsSnapshot& snapshot);
+
+}  // namespace ns::app

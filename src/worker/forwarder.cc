@@ -1,0 +1,264 @@
+#include "worker/forwarder.h"
+
+#include <chrono>
+#include <exception>
+
+#include "encoding/log.h"
+#include "encoding/text_encoding.h"
+
+namespace ns::worker::forwarder {
+
+namespace {
+
+constexpr char kStartingLoop[] = "Starting process loop";
+constexpr char kFinishedLoop[] = "Finished process loop";
+constexpr char kLoopFailed[] = "Process loop failed: ";
+constexpr char kConnectionError[] = "Connection error: ";
+
+// A collector that cannot be reached is tried again after this many one-second sleeps.
+constexpr int kReconnectSleeps = 10;
+constexpr auto kReconnectSleep = std::chrono::milliseconds(1000);
+// How often join() wakes the queue while the thread has not yet seen its stop flag.
+constexpr auto kJoinWakeInterval = std::chrono::milliseconds(20);
+
+net::tls::TlsSettings clientRole(net::tls::TlsSettings tls) {
+  tls.server_role = false;
+  return tls;
+}
+
+ForwarderSettings withClientTls(ForwarderSettings settings) {
+  settings.tls = clientRole(settings.tls);
+  return settings;
+}
+
+}  // namespace
+
+void Batch::clear() {
+  events.clear();
+  lengths.clear();
+  bytes = 0;
+}
+
+Forwarder::Forwarder(uint32_t id, const ForwarderSettings& settings,
+                     event::queue::EventQueue& queue,
+                     const format::MessageSettings& messageSettings, std::FILE* output)
+    : id_(id),
+      settings_(withClientTls(settings)),
+      dnstap_(messageSettings.format == format::MessageFormat::kDnstap),
+      queue_(queue),
+      output_(output),
+      formatter_(messageSettings),
+      socket_(std::make_unique<net::Socket>(id, settings_.socket)) {
+  resetStreams();
+}
+
+Forwarder::~Forwarder() {
+  if (!thread_.joinable()) return;
+  stop();
+  join();
+}
+
+void Forwarder::start() {
+  if (thread_.joinable()) return;
+  thread_ = std::thread(&Forwarder::run, this);
+}
+
+void Forwarder::stop() {
+  stopRequested_ = true;
+  // Through the lock, so that a thread about to pause cannot miss the notification.
+  { std::lock_guard<std::mutex> lock(stateMutex_); }
+  stateCondition_.notify_all();
+  queue_.wakeAll();
+}
+
+void Forwarder::join() {
+  if (!thread_.joinable()) return;
+  {
+    // The queue's wait has no time-out, and a wake-up that comes just before the thread starts
+    // waiting is lost; waking it until the thread has ended makes the stop certain.
+    std::unique_lock<std::mutex> lock(stateMutex_);
+    while (!finished_) {
+      queue_.wakeAll();
+      stateCondition_.wait_for(lock, kJoinWakeInterval);
+    }
+  }
+  thread_.join();
+}
+
+void Forwarder::run() {
+  log::info(prefix() + kStartingLoop);
+  const net::SocketSettings& socket = settings_.socket;
+  log::info(prefix() + "Configured target is " + socket.host + ":" + std::to_string(socket.port));
+  try {
+    processLoop();
+  } catch (const std::exception& failure) {
+    log::error(prefix() + kLoopFailed + failure.what());
+  }
+  log::info(prefix() + kFinishedLoop);
+  std::lock_guard<std::mutex> lock(stateMutex_);
+  finished_ = true;
+  stateCondition_.notify_all();
+}
+
+void Forwarder::processLoop() {
+  while (!stopRequested_) {
+    try {
+      if (!settings_.toStdout && !socket_->isOpen()) connect();
+      sendLoop();
+      disconnect();
+    } catch (const std::exception& failure) {
+      handleError(failure.what());
+    }
+  }
+}
+
+void Forwarder::connect() {
+  connects_.fetch_add(1);
+  socket_->connect();
+  if (settings_.tls.enabled) tls_->handshake();
+  if (dnstap_) fstrm_->open();
+  established_ = true;
+  connected_ = true;
+}
+
+void Forwarder::disconnect() {
+  if (settings_.toStdout || !socket_->isOpen()) return;
+  connected_ = false;
+  if (dnstap_) fstrm_->close();
+  if (settings_.tls.enabled) tls_->shutdown();
+  socket_->close();
+}
+
+void Forwarder::sendLoop() {
+  while (!stopRequested_) {
+    if (current().count() == 0) {
+      fillBatch();
+      if (current().count() == 0) {
+        sendBuffer_.clear();
+        waitForEvents();
+        continue;
+      }
+    }
+    writeBatch();
+    Batch& written = current();
+    bytesSent_.fetch_add(written.bytes);
+    eventsSent_.fetch_add(written.count());
+    currentIndex_ = 1 - currentIndex_;
+    current().clear();
+    sendBuffer_.clear();
+  }
+}
+
+void Forwarder::fillBatch() {
+  Batch& batch = current();
+  for (uint32_t taken = 0; taken < settings_.batchSize; ++taken) {
+    const size_t start = batch.events.size();
+    queue_.pop(batch.events);
+    const size_t length = batch.events.size() - start;
+    if (length == 0) break;
+    const size_t formattedFrom = sendBuffer_.size();
+    bool formatted = false;
+    try {
+      formatted =
+          formatter_.formatEvent(reinterpret_cast<const uint8_t*>(batch.events.data()) + start,
+                                 static_cast<uint32_t>(length), record_, sendBuffer_);
+    } catch (const std::exception&) {
+      formatted = false;
+    }
+    if (!formatted) {
+      // Skipped for good: returning it to the queue would only fail again.
+      batch.events.resize(start);
+      sendBuffer_.resize(formattedFrom);
+      dnstapErrors_.fetch_add(1);
+      continue;
+    }
+    batch.lengths.push_back(static_cast<uint32_t>(length));
+  }
+  batch.bytes = sendBuffer_.size();
+}
+
+void Forwarder::waitForEvents() {
+  if (stopRequested_) return;
+  // Events that arrived while the batch was filled need no wait; the queue does not remember a
+  // push that came before its wait began.
+  if (queue_.count() > 0) return;
+  queue_.wait();
+}
+
+void Forwarder::writeBatch() {
+  const auto* data = reinterpret_cast<const uint8_t*>(sendBuffer_.data());
+  const auto size = static_cast<uint32_t>(sendBuffer_.size());
+  if (settings_.toStdout) {
+    if (dnstap_) {
+      hexBuffer_.clear();
+      encoding::hex::hexEncode(hexBuffer_, data, size);
+      hexBuffer_.push_back('\n');
+      std::fwrite(hexBuffer_.data(), 1, hexBuffer_.size(), output_);
+    } else {
+      std::fwrite(data, 1, size, output_);
+    }
+    // A program reading the pipe sees every batch as soon as it is written.
+    std::fflush(output_);
+  } else if (dnstap_) {
+    fstrm_->writeBytes(data, size);
+  } else if (settings_.tls.enabled) {
+    tls_->write(data, size);
+  } else {
+    socket_->send(data, size);
+  }
+}
+
+void Forwarder::handleError(const char* text) {
+  log::error(prefix() + kConnectionError + text);
+  connected_ = false;
+  if (!settings_.toStdout) socket_->close();
+  Batch& before = previous();
+  if (settings_.returnPrevious && before.count() > 0) returnEvents(before, "previous");
+  if (settings_.returnCurrent) returnEvents(current(), "current");
+  before.clear();
+  current().clear();
+  sendBuffer_.clear();
+  resetStreams();
+  if (established_) {
+    established_ = false;
+    return;
+  }
+  pauseBeforeReconnect();
+}
+
+void Forwarder::returnEvents(Batch& batch, const char* which) {
+  log::info(prefix() + "Returning " + std::to_string(batch.count()) + " " + which +
+            " events back to the event queue");
+  const auto* data = reinterpret_cast<const uint8_t*>(batch.events.data());
+  for (uint32_t length : batch.lengths) {
+    if (length != 0) queue_.push(data, length);
+    data += length;
+  }
+}
+
+void Forwarder::resetStreams() {
+  fstrm_.reset();
+  tls_ = std::make_unique<net::tls::TlsSocket>(id_, settings_.tls, *socket_);
+  fstrm_ = std::make_unique<net::fstrm::FstrmSocket>(id_, settings_.fstrm, *socket_, *tls_);
+}
+
+void Forwarder::pauseBeforeReconnect() {
+  std::unique_lock<std::mutex> lock(stateMutex_);
+  for (int sleep = 0; sleep < kReconnectSleeps && !stopRequested_; ++sleep) {
+    stateCondition_.wait_for(lock, kReconnectSleep, [this] { return stopRequested_.load(); });
+  }
+}
+
+void Forwarder::metrics(format::ForwarderMetrics& out) const {
+  out.id = id_;
+  out.is_ipv6 = settings_.socket.ipv6;
+  out.host = settings_.socket.host;
+  out.port = settings_.socket.port;
+  out.connected = connected();
+  out.bytes_sent = bytesSent();
+  out.events_sent = eventsSent();
+  out.connects = connects();
+  out.dnstap_errors = dnstapErrors();
+}
+
+}  // namespace ns::worker::forwarder

@@ -1,0 +1,215 @@
+#include "worker/listener.h"
+
+#include <chrono>
+#include <exception>
+#include <utility>
+
+#include "encoding/log.h"
+
+namespace ns::worker::listener {
+
+namespace {
+
+constexpr char kStartingLoop[] = "Starting process loop";
+constexpr char kFinishedLoop[] = "Finished process loop";
+constexpr char kStartingEtw[] = "Starting ETW session";
+constexpr char kHandlingConnection[] = "Handling connection";
+
+// The accept loop waits in one-second passes, so a stop request is seen within a second (well
+// inside the three seconds promised) and finished receivers are reaped at least that often.
+constexpr uint32_t kAcceptWaitSeconds = 1;
+// After a failed accept (out of descriptors, say) the loop pauses before trying again rather
+// than spinning on a socket that stays readable.
+constexpr auto kAcceptRetryPause = std::chrono::seconds(1);
+
+receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings) {
+  return receiver::ReceiverSettings{settings.socket, settings.tls, settings.fstrm};
+}
+
+}  // namespace
+
+Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue)
+    : id_(id), settings_(settings), receiverSettings_(receiverSettingsOf(settings)), queue_(queue) {
+  if (settings_.etw) {
+    etwReader_ = std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix());
+  } else {
+    socket_ = std::make_unique<net::Socket>(id_, settings_.socket);
+  }
+}
+
+Listener::~Listener() {
+  if (!thread_.joinable()) return;
+  stop();
+  join();
+}
+
+void Listener::start() {
+  if (thread_.joinable()) return;
+  thread_ = std::thread(&Listener::run, this);
+}
+
+void Listener::stop() {
+  stopRequested_ = true;
+  if (etwReader_) etwReader_->stop();
+}
+
+void Listener::join() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void Listener::run() {
+  log::info(prefix() + kStartingLoop);
+  try {
+    if (settings_.etw) {
+      runEtw();
+    } else {
+      runSocket();
+    }
+  } catch (const std::exception& failure) {
+    log::error(prefix() + failure.what());
+  }
+  // Whatever ended the loop, no receiver may outlive it.
+  stopReceivers();
+  if (socket_) socket_->close();
+  log::info(prefix() + kFinishedLoop);
+}
+
+void Listener::runEtw() {
+  log::info(prefix() + kStartingEtw);
+  etwReader_->run(&Listener::etwEvent, this);
+}
+
+void Listener::etwEvent(encoding::dnstap::DnstapMessage& message, void* context) {
+  auto& self = *static_cast<Listener*>(context);
+  self.encoded_.clear();
+  message.encode(self.encoded_);
+  self.queue_.push(reinterpret_cast<const uint8_t*>(self.encoded_.data()),
+                   static_cast<uint32_t>(self.encoded_.size()));
+}
+
+void Listener::runSocket() {
+  const net::SocketSettings& socket = settings_.socket;
+  log::info(prefix() + "Listening on " +
+            (socket.unix ? socket.path : socket.host + ":" + std::to_string(socket.port)));
+  socket_->listen();
+  boundPort_ = socket_->localPort();
+  while (!stopRequested_) {
+    reapFinished();
+    if (socket_->wait(true, kAcceptWaitSeconds)) continue;
+    try {
+      acceptPending();
+    } catch (const std::exception& failure) {
+      log::error(prefix() + failure.what());
+      if (!stopRequested_) std::this_thread::sleep_for(kAcceptRetryPause);
+    }
+  }
+}
+
+void Listener::acceptPending() {
+  while (auto accepted = socket_->accept()) handleConnection(std::move(accepted));
+}
+
+void Listener::handleConnection(std::unique_ptr<net::Socket> socket) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (receivers_.size() >= settings_.socket.maxConnections) {
+    // Refused without a word: the sender sees the connection close.
+    socket->close();
+    return;
+  }
+  log::info(prefix() + kHandlingConnection);
+  auto created = std::make_unique<receiver::Receiver>(
+      receiverSettings_, &Listener::receiverFinished, this, queue_, std::move(socket));
+  receiver::Receiver& receiver = *created;
+  receivers_[receiver.id()] = std::move(created);
+  receiver.start();
+  if (stopRequested_) receiver.stop();
+  accepts_.fetch_add(1);
+  const uint64_t active = activeReceivers_.fetch_add(1) + 1;
+  if (active > peakReceivers_.load()) peakReceivers_.exchange(active);
+}
+
+void Listener::receiverFinished(receiver::Receiver& receiver, void* context) {
+  auto& self = *static_cast<Listener*>(context);
+  log::info(self.prefix() + "Receiver[" + std::to_string(receiver.id()) + "] Is finished");
+  std::lock_guard<std::mutex> lock(self.mutex_);
+  // Gone already when the listener is tearing its receivers down; it joins them itself.
+  auto found = self.receivers_.find(receiver.id());
+  if (found != self.receivers_.end()) {
+    self.finished_.push_back(std::move(found->second));
+    self.receivers_.erase(found);
+  }
+  self.activeReceivers_.fetch_sub(1);
+}
+
+void Listener::reapFinished() {
+  std::vector<std::unique_ptr<receiver::Receiver>> done;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    done.swap(finished_);
+  }
+  // Joined outside the lock: a receiver thread may still be on its way out of the callback.
+  for (auto& receiver : done) receiver->join();
+}
+
+void Listener::stopReceivers() {
+  std::vector<std::unique_ptr<receiver::Receiver>> all;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& entry : receivers_) {
+      entry.second->stop();
+      all.push_back(std::move(entry.second));
+    }
+    receivers_.clear();
+    for (auto& receiver : finished_) all.push_back(std::move(receiver));
+    finished_.clear();
+  }
+  for (auto& receiver : all) receiver->join();
+}
+
+void Listener::metrics(format::ListenerMetrics& out) {
+  const net::SocketSettings& socket = settings_.socket;
+  out.id = id_;
+  out.is_etw = settings_.etw;
+  out.is_unix = !settings_.etw && socket.unix;
+  out.is_ipv6 = socket.ipv6;
+  out.path = socket.path;
+  out.host = socket.host;
+  const uint16_t bound = boundPort();
+  out.port = bound != 0 ? bound : socket.port;
+  out.accepts = accepts();
+  out.active_receivers = activeReceivers();
+  out.peak_receivers = peakReceivers();
+  if (etwReader_) {
+    try {
+      etwReader_->queryStatistics();
+    } catch (const std::exception&) {
+      // The session is not running (yet, or any more): report what was last seen.
+    }
+    const etw::EtwStatistics statistics = etwReader_->statistics();
+    out.etw.number_of_buffers = statistics.numberOfBuffers;
+    out.etw.free_buffers = statistics.freeBuffers;
+    out.etw.events_lost = statistics.eventsLost;
+    out.etw.buffers_written = statistics.buffersWritten;
+    out.etw.log_buffers_lost = statistics.logBuffersLost;
+    out.etw.real_time_buffers_lost = statistics.realTimeBuffersLost;
+  }
+  out.receivers.clear();
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& entry : receivers_) {
+    const receiver::Receiver& receiver = *entry.second;
+    const net::PeerAddress& peer = receiver.peer();
+    format::ReceiverMetrics& record = out.receivers.emplace_back();
+    record.id = receiver.id();
+    record.is_unix = peer.unix;
+    record.is_ipv6 = peer.ipv6;
+    record.host = peer.host;
+    record.port = peer.port;
+    record.uid = peer.uid;
+    record.gid = peer.gid;
+    record.pid = peer.pid;
+    record.bytes_received = receiver.bytesReceived();
+    record.events_received = receiver.eventsReceived();
+  }
+}
+
+}  // namespace ns::worker::listener

@@ -1,0 +1,133 @@
+#include "worker/receiver.h"
+
+#include <exception>
+#include <utility>
+
+#include "encoding/log.h"
+
+namespace ns::worker::receiver {
+
+namespace {
+
+constexpr char kStartingLoop[] = "Starting process loop";
+constexpr char kFinishedLoop[] = "Finished process loop";
+constexpr char kLoopFailed[] = "Process loop failed: ";
+constexpr char kUnexpectedControl[] = "Unexpected control message type ";
+constexpr char kTimedOut[] = "Connection timed out";
+
+// Every data frame travels behind a 4-byte big-endian length.
+constexpr uint64_t kFrameLengthBytes = 4;
+
+// The wait for data runs in passes of this many seconds so that a stop is seen quickly even
+// with a long read time-out.
+constexpr uint32_t kWaitPassSeconds = 1;
+
+net::tls::TlsSettings serverRole(net::tls::TlsSettings tls) {
+  tls.server_role = true;
+  return tls;
+}
+
+}  // namespace
+
+Receiver::Receiver(const ReceiverSettings& settings, FinishedCallback callback, void* context,
+                   event::queue::EventQueue& queue, std::unique_ptr<net::Socket> socket)
+    : id_(socket->id()),
+      settings_{settings.socket, serverRole(settings.tls), settings.fstrm},
+      callback_(callback),
+      context_(context),
+      queue_(queue),
+      socket_(std::move(socket)) {
+  tls_ = std::make_unique<net::tls::TlsSocket>(id_, settings_.tls, *socket_);
+  fstrm_ = std::make_unique<net::fstrm::FstrmSocket>(id_, settings_.fstrm, *socket_, *tls_);
+  try {
+    peer_ = socket_->peer();
+  } catch (const std::exception& failure) {
+    peerError_ = failure.what();
+  }
+}
+
+Receiver::~Receiver() {
+  fstrm_->release();
+  if (settings_.tls.enabled) tls_->shutdown();
+  socket_->close();
+}
+
+void Receiver::start() {
+  if (thread_.joinable()) return;
+  thread_ = std::thread(&Receiver::run, this);
+}
+
+void Receiver::join() {
+  if (thread_.joinable()) thread_.join();
+}
+
+void Receiver::run() {
+  log::info(prefix() + kStartingLoop);
+  try {
+    processLoop();
+  } catch (const std::exception& failure) {
+    log::error(prefix() + kLoopFailed + failure.what());
+    if (settings_.tls.enabled) tls_->shutdown();
+    socket_->close();
+  }
+  // The listener reaps a receiver that ended by itself; one that was told to stop is being
+  // torn down by the listener already.
+  if (!stopRequested_) callback_(*this, context_);
+  log::info(prefix() + kFinishedLoop);
+}
+
+bool Receiver::waitForData() {
+  uint32_t allowance = settings_.socket.keepalive;
+  for (;;) {
+    for (uint32_t pass = 0; pass < settings_.socket.readTimeout; pass += kWaitPassSeconds) {
+      if (stopRequested_) return false;
+      if (!fstrm_->wait(kWaitPassSeconds)) return true;
+    }
+    // A read time-out of 0 has expired at once, as every socket wait treats it.
+    if (stopRequested_) return false;
+    if (allowance == 0) throw ReceiverError(kTimedOut);
+    --allowance;
+  }
+}
+
+void Receiver::processLoop() {
+  if (!peerError_.empty()) throw ReceiverError(peerError_);
+  if (peer_.unix) {
+    log::info(prefix() + "Handling connection from uid=" + std::to_string(peer_.uid) +
+              " gid=" + std::to_string(peer_.gid) + " pid=" + std::to_string(peer_.pid));
+  } else {
+    // The port stays in network byte order, as the socket address holds it.
+    log::info(prefix() + "Handling connection from " + peer_.host + ":" +
+              std::to_string(peer_.port));
+    if (settings_.tls.enabled) tls_->handshake();
+  }
+
+  bool bidirectional = false;
+  uint32_t type = fstrm_->readControl(true, true);
+  if (type == net::fstrm::kControlReady) {
+    fstrm_->writeControl(net::fstrm::kControlAccept, true);
+    type = fstrm_->readControl(true, true);
+    bidirectional = true;
+  }
+  if (type != net::fstrm::kControlStart) {
+    throw ReceiverError(kUnexpectedControl + std::to_string(type));
+  }
+
+  for (;;) {
+    if (!waitForData()) return;
+    const uint32_t length = fstrm_->readFrameLength(true);
+    if (length == 0) break;
+    fstrm_->readBytes(frame_, length);
+    queue_.push(reinterpret_cast<const uint8_t*>(frame_.data()), length);
+    eventsReceived_.fetch_add(1);
+    bytesReceived_.fetch_add(length + kFrameLengthBytes);
+  }
+
+  type = fstrm_->readControl(false, false);
+  if (type != net::fstrm::kControlStop) {
+    throw ReceiverError(kUnexpectedControl + std::to_string(type));
+  }
+  if (bidirectional) fstrm_->writeControl(net::fstrm::kControlFinish, false);
+}
+
+}  // namespace ns::worker::receiver
