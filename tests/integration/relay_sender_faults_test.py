@@ -1,95 +1,118 @@
-"""Misbehaving dnstap senders against the agent's listener: one too many
-connections, a sender that stalls, garbage, an oversized frame and a close
-in the middle of a frame. Each bad connection ends with its own error line;
-a good sender streaming at the same time loses nothing.
-
-Run: python3 tests/integration/relay_sender_faults_test.py [-v]
-"""
+"""Misbehaving senders against the listener: one connection too many, a
+stall, garbage, an oversized frame, a close mid-frame. Each bad connection
+ends alone with its own error line; a good sender loses nothing."""
 
 import os
+import socket
 import struct
 import sys
+import tempfile
 import threading
 import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import agent as ag  # noqa: E402
+import collectors  # noqa: E402
 import dnstap_records as dr  # noqa: E402
-import peers  # noqa: E402
+import harness  # noqa: E402
 
-TIMEOUT = 15
 FRAME_LIMIT = 1000
 
 
-def made_up(count, tag):
-    return [dr.encode_dnstap(dr.DnstapRecord(
-        identity=tag.encode(), type=5, socket_family=1, socket_protocol=1,
-        query_address=bytes([192, 0, 2, 7]), query_port=40000 + i,
-        query_time_sec=1700000000 + i,
-        query_message=dr.build_dns_query("q%d.example.test" % i, ident=i)))
-        for i in range(count)]
+class FstrmClient:
+    """A bidirectional Frame Streams sender written out step by step, so a
+    test can stop or break it anywhere. Owns its socket; not thread-safe."""
+
+    def __init__(self, port):
+        self.sock = socket.create_connection((harness.LOOPBACK, port), 5)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *exc):
+        self.sock.close()
+
+    def control(self, kind, reply=None):
+        """Sends a control frame; with reply, expects that one back."""
+        self.sock.sendall(dr.control_frame(
+            kind, None if kind == dr.FSTRM_STOP else dr.CONTENT_TYPE))
+        buffer, frame = bytearray(), None
+        while reply is not None and frame is None:
+            chunk = self.sock.recv(4096)
+            if not chunk:
+                raise harness.PeerError("closed before control %d" % reply)
+            buffer += chunk
+            frame = dr.take_frame(buffer)
+        if frame and (frame[0], dr.parse_control(frame[1])[0]) != (
+                "control", reply):
+            raise harness.PeerError("expected control %d: %r" % (reply, frame))
+
+    def open(self):
+        self.control(dr.FSTRM_READY, dr.FSTRM_ACCEPT)
+        self.control(dr.FSTRM_START)
+
+    def send(self, payloads):
+        self.sock.sendall(b"".join(map(dr.data_frame, payloads)))
+
+    def close(self):
+        self.control(dr.FSTRM_STOP, dr.FSTRM_FINISH)
 
 
 class SenderFaults(unittest.TestCase):
 
-    def setUp(self):
-        ag.require_tools("fstrm_capture")
-        self.port = ag.listener_port()
-        self.capture = peers.FstrmCapture()
-        self.capture.__enter__()
-        self.addCleanup(self.capture.__exit__, None, None, None)
-        self.relay = ag.Agent(
-            ["listener ipv4 127.0.0.1 %d max-connections=3 read-timeout=1 "
-             "keepalive=1 fstrm-data-frame-max-size=%d" % (self.port,
-                                                           FRAME_LIMIT),
-             "forwarder ipv4 %s %d batch-size=20" % self.capture.address,
-             "message-format dnstap", "metrics-interval 1"],
-            tcp_listeners=[self.port])
-        self.relay.__enter__()
-        self.addCleanup(self.relay.__exit__, None, None, None)
+    @classmethod
+    def setUpClass(cls):
+        with tempfile.TemporaryDirectory(prefix="vt-sfaults-") as directory:
+            path = os.path.join(directory, "load.fstrm")
+            harness.loadgen("--write", path, "--count", 200, "--seed", 7)
+            cls.payloads = dr.read_payloads(path)
 
-    def client(self):
-        return peers.FstrmClient(tcp=("127.0.0.1", self.port))
+    def setUp(self):
+        self.port = harness.free_port()
+        self.collector = self.enterContext(collectors.FrameCollector())
+        self.relay = self.enterContext(harness.Agent([
+            "listener ipv4 127.0.0.1 %d max-connections=3 read-timeout=1 "
+            "keepalive=1 fstrm-data-frame-max-size=%d" % (self.port,
+                                                          FRAME_LIMIT),
+            "forwarder ipv4 %s %d batch-size=20" % self.collector.address,
+            "message-format dnstap", "metrics-interval 1"], [self.port]))
 
     def receiver_errors(self):
-        return [line for line in self.relay.log_lines()
+        return [line for line in self.relay.log().splitlines()
                 if "]: Process loop failed: " in line]
 
     def test_max_connections(self):
-        payloads = made_up(30, "kept")
-        with self.client() as first, self.client() as second, \
-                self.client() as third:
-            for sender in (first, second, third):
-                sender.open()
-            self.relay.wait_log("Handling connection from", 3)
-            with self.client() as fourth:
-                # Refused by closing: the handshake finds the stream closed.
-                with self.assertRaises((peers.PeerError, OSError)):
-                    fourth.open()
-            for index, sender in enumerate((first, second, third)):
-                sender.send(payloads[index * 10:(index + 1) * 10])
-                sender.close()
-            got = self.capture.wait_records(30, TIMEOUT)
-        self.assertCountEqual([dr.encode_dnstap(r) for r in got], payloads)
+        senders = [self.enterContext(FstrmClient(self.port))
+                   for _ in range(3)]
+        for sender in senders:
+            sender.open()
+        self.relay.wait_log("Handling connection from", 3)
+        with FstrmClient(self.port) as fourth:
+            # Refused by closing: the handshake finds the stream closed.
+            with self.assertRaises((harness.PeerError, OSError)):
+                fourth.open()
+        for index, sender in enumerate(senders):
+            sender.send(self.payloads[index * 10:(index + 1) * 10])
+            sender.close()
+        self.assertCountEqual(self.collector.wait_count(30),
+                              self.payloads[:30])
         metrics = self.relay.wait_metrics(
             lambda m: m["listener"][0]["activeReceivers"] == 0,
             "every receiver finished")
-        self.assertEqual(metrics["listener"][0]["accepts"], 3)
-        self.assertEqual(metrics["listener"][0]["peakReceivers"], 3)
+        self.assertEqual((metrics["listener"][0]["accepts"],
+                          metrics["listener"][0]["peakReceivers"]), (3, 3))
 
     def test_bad_senders_end_alone(self):
-        good = made_up(200, "good")
         stop = threading.Event()
 
         def stream():
-            with self.client() as sender:
+            with FstrmClient(self.port) as sender:
                 sender.open()
-                for start in range(0, len(good), 10):
-                    sender.send(good[start:start + 10])
+                for start in range(0, len(self.payloads), 10):
+                    sender.send(self.payloads[start:start + 10])
                     time.sleep(0.03)
-                stop.wait(TIMEOUT)
+                stop.wait(harness.TIMEOUT)
                 sender.close()
 
         streamer = threading.Thread(target=stream)
@@ -98,9 +121,8 @@ class SenderFaults(unittest.TestCase):
             self.bad_senders()
         finally:
             stop.set()
-            streamer.join(TIMEOUT)
-        got = self.capture.wait_records(200, TIMEOUT)
-        self.assertEqual([dr.encode_dnstap(r) for r in got], good)
+            streamer.join(harness.TIMEOUT)
+        self.assertEqual(self.collector.wait_count(200), self.payloads)
 
     def bad_senders(self):
         cases = (
@@ -120,13 +142,12 @@ class SenderFaults(unittest.TestCase):
             with self.subTest(sender=name):
                 before = len(self.receiver_errors())
                 started = time.monotonic()
-                with self.client() as sender:
+                with FstrmClient(self.port) as sender:
                     act(sender)
                     if name != "closed mid-frame":
                         self.relay.wait_log("Process loop failed: ",
-                                            before + 1, TIMEOUT)
-                self.relay.wait_log("Process loop failed: ", before + 1,
-                                    TIMEOUT)
+                                            before + 1)
+                self.relay.wait_log("Process loop failed: ", before + 1)
                 errors = self.receiver_errors()[before:]
                 self.assertEqual(len(errors), 1, errors)
                 self.assertRegex(errors[0], r"^\[ERROR\] Receiver\[\d+\]: ")
@@ -134,8 +155,8 @@ class SenderFaults(unittest.TestCase):
                 if name == "stall":
                     # read-timeout 1 and keepalive 1: two silent waits.
                     self.assertGreater(time.monotonic() - started, 1.5)
-        self.assertEqual(self.relay.process.running(), True)
+        self.assertTrue(self.relay.running())
 
 
 if __name__ == "__main__":
-    ag.main()
+    harness.main()

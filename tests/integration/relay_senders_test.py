@@ -1,139 +1,128 @@
-"""Real dnstap senders into the agent's listeners: file senders (fstrm_replay
-and the dnstap tool) over TCP and a Unix socket, Unbound over TCP, Knot over
-a Unix socket and dnsdist over TCP. The agent relays as dnstap to
-fstrm_capture, and every frame must arrive unchanged.
-
-Run as root: python3 tests/integration/relay_senders_test.py [-v]
-"""
+"""Real dnstap senders into the agent, relayed to fstrm_capture unchanged:
+fstrm_replay and the dnstap tool over TCP and a Unix socket, Unbound over
+TCP and Knot over a Unix socket while dig asks them. Needs root."""
 
 import os
 import sys
 import tempfile
+import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 
-import agent as ag  # noqa: E402
 import dnstap_records as dr  # noqa: E402
+import harness  # noqa: E402
 import peers  # noqa: E402
-from peers_selftest import ExchangeChecks, ask_all  # noqa: E402
+import text_model  # noqa: E402
 
-RECORD_TIMEOUT = 15
-
-
-def relay_config(capture, listeners, batch_size=50):
-    return listeners + [
-        "forwarder ipv4 %s %d batch-size=%d" % (capture.host, capture.port,
-                                                batch_size),
-        "message-format dnstap",
-        "metrics-interval 1",
-    ]
-
-
-class FileSenders(unittest.TestCase):
-    """The same generated file, sent four ways into one agent."""
-
-    @classmethod
-    def setUpClass(cls):
-        ag.require_tools("fstrm_capture", "fstrm_replay", "dnstap")
-        cls.directory = tempfile.TemporaryDirectory(prefix="vt-senders-")
-        cls.source = os.path.join(cls.directory.name, "load.fstrm")
-        ag.loadgen("--write", cls.source, "--count", 300, "--seed", 11)
-        with open(cls.source, "rb") as handle:
-            cls.payloads = dr.split_frames(handle.read())[1]
-
-    @classmethod
-    def tearDownClass(cls):
-        cls.directory.cleanup()
-
-    def test_every_frame_arrives_unchanged(self):
-        port = ag.listener_port()
-        socket_path = os.path.join(self.directory.name, "relay.sock")
-        with peers.FstrmCapture() as capture, ag.Agent(
-                relay_config(capture, [
-                    "listener ipv4 127.0.0.1 %d" % port,
-                    "listener unix %s" % socket_path]),
-                tcp_listeners=[port], unix_listeners=[socket_path]) as agent:
-            sends = (("fstrm_replay", "tcp", peers.replay_fstrm),
-                     ("dnstap", "tcp", peers.send_dnstap_file),
-                     ("fstrm_replay", "unix", peers.replay_fstrm),
-                     ("dnstap", "unix", peers.send_dnstap_file))
-            expected = []
-            for sender, transport, send in sends:
-                with self.subTest(sender=sender, transport=transport):
-                    if transport == "tcp":
-                        send(self.source, tcp=("127.0.0.1", port))
-                    else:
-                        send(self.source, unix=socket_path)
-                    expected += self.payloads
-                    got = capture.wait_records(len(expected), RECORD_TIMEOUT)
-                    self.assertEqual(len(got), len(expected))
-                    self.assertEqual(capture.payloads(), expected)
-            metrics = agent.wait_metrics(
-                lambda m: m["forwarder"][0]["eventsSent"] == len(expected),
-                "all events counted as sent")
-            listeners = metrics["listener"]
-            self.assertEqual([entry["accepts"] for entry in listeners], [2, 2])
-            self.assertEqual(listeners[1]["type"], "unix")
-            self.assertEqual(listeners[1]["path"], socket_path)
+# (name, type, status, answers as dig shows them), asked over UDP and TCP.
+QUERIES = (
+    ("www.example.test.", "A", "NOERROR", ["www.example.test. A 192.0.2.1"]),
+    ("www.example.test.", "AAAA", "NOERROR",
+     ["www.example.test. AAAA 2001:db8::1"]),
+    ("example.test.", "MX", "NOERROR",
+     ["example.test. MX 10 mail.example.test."]),
+    ("nope.example.test.", "A", "NXDOMAIN", []),
+)
 
 
-class DnsServerSenders(ExchangeChecks):
-    """DNS servers tapping their traffic into the agent, dig or kdig asking
-    them; the records at the collector must match the answers."""
+class Senders(unittest.TestCase):
 
-    def relay(self, listener, **agent_args):
-        capture = peers.FstrmCapture()
-        capture.__enter__()
-        self.addCleanup(capture.__exit__, None, None, None)
-        relay = ag.Agent(relay_config(capture, [listener]), **agent_args)
-        relay.__enter__()
-        self.addCleanup(relay.__exit__, None, None, None)
-        return capture, relay
+    def setUp(self):
+        directory = tempfile.TemporaryDirectory(prefix="vt-senders-")
+        self.addCleanup(directory.cleanup)
+        self.socket_path = os.path.join(directory.name, "relay.sock")
+        self.source = os.path.join(directory.name, "load.fstrm")
+        self.port = harness.free_port()
+        self.tcp = "listener ipv4 %s %d" % (harness.LOOPBACK, self.port)
+        self.unix = "listener unix " + self.socket_path
+
+    def agent(self, capture, listeners):
+        return harness.Agent(listeners + [
+            "forwarder ipv4 %s %d batch-size=50" % capture.address,
+            "message-format dnstap", "metrics-interval 1"],
+            [{self.tcp: self.port, self.unix: self.socket_path}[listener]
+             for listener in listeners])
+
+    def test_file_senders(self):
+        harness.require("fstrm_capture", "fstrm_replay", "dnstap")
+        harness.loadgen("--write", self.source, "--count", 300, "--seed", 11)
+        payloads = dr.read_payloads(self.source)
+        tcp, unix = (harness.LOOPBACK, self.port), self.socket_path
+        sends = ((peers.replay_fstrm, tcp), (peers.send_dnstap_file, tcp),
+                 (peers.replay_fstrm, unix), (peers.send_dnstap_file, unix))
+        with peers.FstrmCapture() as capture:
+            with self.agent(capture, [self.tcp, self.unix]) as agent:
+                for count, (send, target) in enumerate(sends, 1):
+                    send(self.source, target)
+                    metrics = agent.wait_sent(count * len(payloads))
+            self.assertEqual([(entry["type"], entry["accepts"]) for entry in
+                              metrics["listener"]], [("ipv4", 2), ("unix", 2)])
+            self.assertEqual(metrics["listener"][1]["path"], self.socket_path)
+        self.assertEqual(capture.payloads, payloads * len(sends))
+
+    def relay_server(self, server, listener, connects_first):
+        """Relays what the DNS server taps while dig asks every query over
+        UDP and TCP; returns (records, dig results, server port)."""
+        with peers.FstrmCapture() as capture:
+            with self.agent(capture, [listener]) as agent, server as dns:
+                if connects_first:
+                    agent.wait_log("Receiver[")
+                results = [(name, qtype, tcp) + peers.dig(dns.port, name,
+                                                          qtype, tcp)
+                           for tcp in (False, True)
+                           for name, qtype, _, _ in QUERIES]
+                agent.wait_sent(2 * len(results))
+        return ([dr.decode_dnstap(p) for p in capture.payloads], results,
+                dns.port)
+
+    def assert_exchanges(self, relayed, types, identity):
+        records, results, server_port = relayed
+        self.assertEqual(len(records), 2 * len(results))
+        by_key = {}
+        for record in records:
+            message = text_model.Message(record.wire)
+            by_key[(record.type_name, message.id, message.qname,
+                    text_model.type_name(message.qtype),
+                    record.socket_protocol)] = (record, message)
+        self.assertEqual(len(by_key), len(records), "duplicate records")
+        expected = {(name, qtype): (status, answers)
+                    for name, qtype, status, answers in QUERIES}
+        for name, qtype, tcp, ident, status, answers in results:
+            with self.subTest(name=name, qtype=qtype, tcp=tcp):
+                self.assertEqual((status, answers), expected[name, qtype])
+                (query, asked), (response, answered) = (
+                    by_key[kind, ident, name, qtype, 2 if tcp else 1]
+                    for kind in types)
+                for record in (query, response):
+                    self.assertEqual(
+                        (record.identity, record.version,
+                         record.socket_family, record.ip("query"),
+                         record.ip("response"), record.query_port,
+                         record.response_port),
+                        (identity, identity + b"-1", 1, harness.LOOPBACK,
+                         harness.LOOPBACK, query.query_port, server_port))
+                self.assertEqual((asked.flags & 0x8000, answered.flags >> 15),
+                                 (0, 1))
+                self.assertEqual((answered.rcode, answered.answers()),
+                                 (status, answers))
+                for stamp in (query.query_time_sec,
+                              response.response_time_sec):
+                    self.assertLess(abs(stamp - time.time()), 60)
 
     def test_unbound_over_tcp(self):
-        ag.require_root()
-        ag.require_tools("unbound", "dig", "fstrm_capture")
-        port = ag.listener_port()
-        capture, relay = self.relay("listener ipv4 127.0.0.1 %d" % port,
-                                    tcp_listeners=[port])
-        with peers.UnboundServer(dnstap_tcp=("127.0.0.1", port)) as unbound:
-            relay.wait_log("Receiver[", timeout=RECORD_TIMEOUT)
-            results = ask_all(unbound)
-            records = capture.wait_records(2 * len(results), RECORD_TIMEOUT)
-        self.assert_exchanges(records, results, "CLIENT_QUERY",
-                              "CLIENT_RESPONSE", b"unbound-peer",
-                              b"unbound-peer-1", unbound.port)
+        harness.require("unbound", "dig", "fstrm_capture", root=True)
+        server = peers.UnboundServer((harness.LOOPBACK, self.port))
+        self.assert_exchanges(self.relay_server(server, self.tcp, True),
+                              ("CLIENT_QUERY", "CLIENT_RESPONSE"),
+                              b"unbound-peer")
 
     def test_knot_over_unix_socket(self):
-        ag.require_root()
-        ag.require_tools("knotd", "kdig", "fstrm_capture")
-        directory = tempfile.TemporaryDirectory(prefix="vt-knot-relay-")
-        self.addCleanup(directory.cleanup)
-        path = os.path.join(directory.name, "dnstap.sock")
-        capture, relay = self.relay("listener unix %s" % path,
-                                    unix_listeners=[path])
-        with peers.KnotServer(dnstap_unix=path) as knot:
-            results = ask_all(knot, tool="kdig")
-            records = capture.wait_records(2 * len(results), RECORD_TIMEOUT)
-        self.assert_exchanges(records, results, "AUTH_QUERY", "AUTH_RESPONSE",
-                              b"knot-peer", b"knot-peer-1", knot.port)
-        self.assertEqual(relay.metrics()[-1]["listener"][0]["type"], "unix")
-
-    def test_dnsdist_over_tcp(self):
-        ag.require_root()
-        ag.require_tools("dnsdist", "unbound", "dig", "fstrm_capture")
-        port = ag.listener_port()
-        capture, _ = self.relay("listener ipv4 127.0.0.1 %d" % port,
-                                tcp_listeners=[port])
-        with peers.UnboundServer() as unbound, peers.DnsdistServer(
-                (unbound.host, unbound.port), ("127.0.0.1", port)) as dnsdist:
-            results = ask_all(dnsdist)
-            records = capture.wait_records(2 * len(results), RECORD_TIMEOUT)
-        self.assert_exchanges(records, results, "CLIENT_QUERY",
-                              "CLIENT_RESPONSE", b"dnsdist-peer", None,
-                              dnsdist.port)
+        harness.require("knotd", "dig", "fstrm_capture", root=True)
+        server = peers.KnotServer(self.socket_path)
+        self.assert_exchanges(self.relay_server(server, self.unix, False),
+                              ("AUTH_QUERY", "AUTH_RESPONSE"), b"knot-peer")
 
 
 if __name__ == "__main__":
-    ag.main()
+    harness.main()

@@ -1,0 +1,245 @@
+"""Processes for the end-to-end tests: peers, readiness read from /proc, and
+the agent. VANTRELO_KEEP_PEERS=1 keeps the peers' directories and logs."""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+LOOPBACK = "127.0.0.1"
+TIMEOUT = 15.0
+_SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(
+    os.path.abspath(__file__))))
+
+
+class PeerError(RuntimeError):
+    """A peer program failed to start, answer or stop in time."""
+
+
+def free_port():
+    """A loopback port free for both TCP and UDP (the DNS servers need both)."""
+    for _ in range(50):
+        with socket.socket() as tcp, \
+                socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
+            tcp.bind((LOOPBACK, 0))
+            try:
+                udp.bind(tcp.getsockname())
+            except OSError:
+                continue
+            return tcp.getsockname()[1]
+    raise PeerError("no free loopback port found")
+
+
+def tcp_listening(port):
+    """Whether an IPv4 socket listens on port (state 0A in /proc)."""
+    with open("/proc/net/tcp") as handle:
+        return any(f[1].endswith(":%04X" % port) and f[3] == "0A"
+                   for f in (line.split() for line in handle))
+
+
+def unix_listening(path):
+    with open("/proc/net/unix") as handle:
+        return any(len(f) > 7 and f[7] == path and int(f[3], 16) & 0x10000
+                   for f in (line.split() for line in handle))
+
+
+def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
+    """Polls predicate until true; fails early when the peer has died."""
+    deadline = time.monotonic() + timeout
+    while not predicate():
+        if peer is not None and not peer.running():
+            raise PeerError("%s exited (code %s) before %s:\n%s" % (
+                peer.name, peer.popen.poll(), what, peer.log_tail()))
+        if time.monotonic() > deadline:
+            raise PeerError("timed out after %.1f s waiting for %s\n%s" % (
+                timeout, what, peer.log_tail() if peer else ""))
+        time.sleep(interval)
+
+
+def run_tool(argv, timeout=30, check=True):
+    """Runs a short-lived tool to completion with a time limit."""
+    argv = [str(arg) for arg in argv]
+    try:
+        done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True,
+                              capture_output=True, timeout=timeout)
+    except subprocess.TimeoutExpired as error:
+        raise PeerError("%s timed out" % argv[0]) from error
+    if check and done.returncode != 0:
+        raise PeerError("%s failed with code %d: %s%s" % (
+            " ".join(argv), done.returncode, done.stdout, done.stderr))
+    return done
+
+
+class Peer:
+    """A program in a temporary directory and a process group of its own, its
+    output in <name>.log. Entering starts it and waits until it is ready;
+    leaving stops the whole group (SIGKILL after a bounded wait, so nothing
+    outlives a failed test) and removes the directory. Not thread-safe."""
+
+    name = "peer"
+    popen = None
+
+    def path(self, name):
+        return os.path.join(self.workdir, name)
+
+    def write(self, name, text):
+        with open(self.path(name), "w") as handle:
+            handle.write(text)
+        return self.path(name)
+
+    def spawn(self, argv, ready, what):
+        with open(self.path(self.name + ".log"), "ab") as log:
+            self.popen = subprocess.Popen(
+                [str(arg) for arg in argv], cwd=self.workdir, stdout=log,
+                stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT,
+                start_new_session=True)
+        wait_until(ready, what, peer=self)
+
+    def running(self):
+        return self.popen is not None and self.popen.poll() is None
+
+    def stop(self, signum=signal.SIGTERM):
+        if self.popen is None:
+            return
+        for kill in (signum, signal.SIGKILL):
+            try:
+                os.killpg(self.popen.pid, kill)
+                self.popen.wait(5)
+            except (ProcessLookupError, subprocess.TimeoutExpired):
+                pass
+        self.popen.wait()
+
+    def log(self):
+        with open(self.path(self.name + ".log"), errors="replace") as handle:
+            return handle.read()
+
+    def log_tail(self):
+        return "\n".join(self.log().splitlines()[-30:])
+
+    def __enter__(self):
+        self.workdir = tempfile.mkdtemp(prefix="vt-%s-" % self.name)
+        try:
+            self.start()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *exc):
+        try:
+            self.stop()
+        finally:
+            if os.environ.get("VANTRELO_KEEP_PEERS") != "1":
+                shutil.rmtree(self.workdir, ignore_errors=True)
+
+
+def binary(variable, relative):
+    path = os.environ.get(variable) or os.path.join(_SOURCE, "build",
+                                                    relative)
+    if not os.access(path, os.X_OK):
+        raise unittest.SkipTest("%s not built (%s)" % (relative, path))
+    return path
+
+
+def require(*tools, root=False):
+    missing = [tool for tool in tools if shutil.which(tool) is None]
+    if missing:
+        raise unittest.SkipTest("not installed: %s (scripts/install-test-"
+                                "peers)" % " ".join(missing))
+    if root and os.geteuid() != 0:
+        raise unittest.SkipTest("the DNS server peers need root")
+
+
+def loadgen(*args):
+    out = run_tool([binary("VANTRELO_LOADGEN", "tools/vantrelo-loadgen")] +
+                   list(args), 60).stdout
+    if not re.search(r"Sent \d+ events, \d+ bytes in [\d.]+ seconds", out):
+        raise PeerError("unexpected load generator output: %r" % out)
+
+
+def parse_metrics(line):
+    """A "Metrics: " line as {group: [{key: value}]}; numbers become ints."""
+    groups = {}
+    for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
+                                 line.split("Metrics: ", 1)[1]):
+        fields = dict(pair.partition("=")[::2] for pair in body.split())
+        groups.setdefault(name, []).append(
+            {k: int(v) if v.isdigit() else v for k, v in fields.items()})
+    return groups
+
+
+class Agent(Peer):
+    """`vantrelo run` on a configuration given as lines; start() waits until
+    it listens on every port (int) and Unix socket path (str) named.
+    Restartable in the same directory, so a second run loads the queue file
+    of the first. Not thread-safe."""
+
+    name = "vantrelo"
+
+    def __init__(self, config_lines, listening=()):
+        self.config_lines, self.listening = config_lines, listening
+
+    def start(self):
+        config = self.write("vantrelo.conf", "\n".join(self.config_lines))
+        self.spawn([binary("VANTRELO_BIN", "src/app/vantrelo"), "run", config],
+                   lambda: all(tcp_listening(x) if isinstance(x, int) else
+                               unix_listening(x) for x in self.listening),
+                   "vantrelo listening")
+
+    def stop(self):
+        """SIGTERM; the agent must end by itself with code 0 and log
+        "Stopped" for this run."""
+        if not self.running():
+            return
+        stopped = self.log().count("[INFO] Stopped\n")
+        os.killpg(self.popen.pid, signal.SIGTERM)
+        try:
+            code = self.popen.wait(20)
+        except subprocess.TimeoutExpired:
+            code = "a time-out"
+        super().stop()
+        if code != 0 or self.log().count("[INFO] Stopped\n") != stopped + 1:
+            raise PeerError("vantrelo ended with %s without logging Stopped:"
+                            "\n%s" % (code, self.log_tail()))
+
+    def wait_log(self, text, count=1):
+        wait_until(lambda: self.log().count(text) >= count,
+                   "%d log line(s) with %r" % (count, text),
+                   peer=self)
+
+    def metrics(self):
+        return [parse_metrics(line) for line in self.log().splitlines()
+                if "Metrics: " in line]
+
+    def wait_metrics(self, predicate, what, timeout=TIMEOUT):
+        """Waits for a metrics line that satisfies predicate; returns it."""
+        found = []
+        wait_until(lambda: found.extend(m for m in self.metrics()
+                                        if predicate(m)) or found,
+                   what, timeout, self, interval=0.2)
+        return found[-1]
+
+    def wait_sent(self, count, timeout=TIMEOUT):
+        return self.wait_metrics(
+            lambda m: m["forwarder"][0]["eventsSent"] == count,
+            "%d events counted as sent" % count, timeout)
+
+    def total(self, group, key):
+        """A per-interval counter summed over every metrics line."""
+        return sum(fields.get(key, 0) for metrics in self.metrics()
+                   for fields in metrics.get(group, []))
+
+
+def main():
+    """unittest.main with ctest's skip code 77 when every test skipped."""
+    result = unittest.main(exit=False, verbosity=2).result
+    if not result.wasSuccessful():
+        sys.exit(1)
+    sys.exit(77 if result.testsRun and
+             len(result.skipped) == result.testsRun else 0)
