@@ -26,7 +26,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   {
     std::FILE* file = std::fopen(path.c_str(), "wb");
     if (file == nullptr) return 0;
-    const bool written = std::fwrite(data, 1, size, file) == size;
+    // An empty input arrives as a null pointer, which fwrite must not be given.
+    const bool written = size == 0 || std::fwrite(data, 1, size, file) == size;
     std::fclose(file);
     if (!written) return 0;
   }
