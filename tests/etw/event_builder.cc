@@ -1,95 +1,69 @@
 #include "event_builder.h"
 
+#include <map>
 #include <stdexcept>
+#include <utility>
 
 #include "etw/windows_version.h"
 
 namespace ns::etw::testing {
-
-std::string providerLayout(uint16_t eventId, uint32_t version) {
-  bool r2 = version == kWindows2012R2;
-  bool v2016 = version == kWindows2016;
-  switch (eventId) {
-    case 256:  // query received
-      return "TSCbaiiPiLM";
-    case 257:  // response sent; later releases add the policy name
-      return r2 ? "TSCbbaiibiPiuuLM" : "TSCbbaiibiPiuuuLM";
-    case 258:  // failure response sent, with its reason after the server address
-      return "TSuCaiiiPiuuLM";
-    case 260:  // recursive query sent
-      if (r2) return "TSCbaiiPiuuLM";
-      if (v2016) return "TSCbaiiPiuuuLM";
-      return "TSCbaiiiPiuuuLM";
-    case 261:  // recursive response received; older releases declare trailing properties
-      if (r2) return "TSCbbaiiPiuLMu";
-      if (v2016) return "TSCbbaiiPiuLMuu";
-      return "TSCbbaiiiPiuuLM";
-    default:
-      return "";
-  }
-}
-
 namespace {
+
+// Properties by index as the provider declares them, one letter each:
+//   T tcp flag (uint8)      S server address (ANSI)   C client address (ANSI)
+//   P client port (uint32)  L message length (uint32) M message (binary)
+//   b other uint8           i other uint32            a other ANSI string
+//   u other Unicode string
+// Keyed by event id and release; release 0 stands for every release not listed. Event 257
+// gains the policy name after 2012R2; 261 declares trailing properties on older releases.
+const std::map<std::pair<uint16_t, uint32_t>, std::string> kLayouts = {
+    {{256, 0}, "TSCbaiiPiLM"},
+    {{257, kWindows2012R2}, "TSCbbaiibiPiuuLM"},
+    {{257, 0}, "TSCbbaiibiPiuuuLM"},
+    {{258, 0}, "TSuCaiiiPiuuLM"},
+    {{260, kWindows2012R2}, "TSCbaiiPiuuLM"},
+    {{260, kWindows2016}, "TSCbaiiPiuuuLM"},
+    {{260, 0}, "TSCbaiiiPiuuuLM"},
+    {{261, kWindows2012R2}, "TSCbbaiiPiuLMu"},
+    {{261, kWindows2016}, "TSCbbaiiPiuLMuu"},
+    {{261, 0}, "TSCbbaiiiPiuuLM"},
+};
 
 void appendUint32(std::string& out, uint32_t value) {
   for (int shift = 0; shift < 32; shift += 8) out.push_back(static_cast<char>(value >> shift));
 }
 
-void appendAnsi(std::string& out, const std::string& text) {
-  out += text;
-  out.push_back('\0');
-}
-
-void appendUnicode(std::string& out, const std::u16string& text) {
-  for (char16_t unit : text) {
-    out.push_back(static_cast<char>(unit & 0xFF));
-    out.push_back(static_cast<char>(unit >> 8));
-  }
-  out.append(2, '\0');
-}
-
 }  // namespace
 
-SyntheticEvent EventBuilder::build() const {
+SyntheticEvent buildEvent(uint16_t eventId, uint32_t version, const EventValues& v) {
+  auto layout = kLayouts.find({eventId, version});
+  if (layout == kLayouts.end()) layout = kLayouts.find({eventId, 0});
+  if (layout == kLayouts.end()) throw std::logic_error("no layout for this event");
   SyntheticEvent event;
-  event.id = eventId_;
-  event.time = time_;
-  for (char kind : layout_) {
+  event.id = eventId;
+  event.time = v.time;
+  for (char kind : layout->second) {
     event.offsets.push_back(static_cast<uint32_t>(event.data.size()));
-    PropertyInfo info;
-    switch (kind) {
-      case 'T':
-      case 'b':
-        info = {kInTypeUint8, 1};
-        event.data.push_back(static_cast<char>(kind == 'T' ? tcp_ : 1));
-        break;
-      case 'P':
-      case 'L':
-      case 'i':
-        info = {kInTypeUint32, 4};
-        appendUint32(event.data, kind == 'P'   ? port_
-                                 : kind == 'L' ? static_cast<uint32_t>(message_.size())
-                                               : 0x01020304);
-        break;
-      case 'S':
-      case 'C':
-      case 'a':
-        info = {kInTypeAnsiString, 0};
-        appendAnsi(event.data, kind == 'S' ? server_ : kind == 'C' ? client_ : "example.com.");
-        break;
-      case 'u':
-        info = {kInTypeUnicodeString, 0};
-        appendUnicode(event.data, u"Default");
-        break;
-      case 'M':
-        // The provider declares the size through the length property, not here.
-        info = {kInTypeBinary, 0};
-        event.data += message_;
-        break;
-      default:
-        throw std::logic_error("unknown property kind");
+    if (kind == 'T' || kind == 'b') {
+      event.properties.push_back({kInTypeUint8, 1});
+      event.data.push_back(static_cast<char>(kind == 'T' ? v.tcp : 1));
+    } else if (kind == 'P' || kind == 'L' || kind == 'i') {
+      event.properties.push_back({kInTypeUint32, 4});
+      appendUint32(event.data, kind == 'P'   ? v.port
+                               : kind == 'L' ? static_cast<uint32_t>(v.message.size())
+                                             : 0x01020304);
+    } else if (kind == 'S' || kind == 'C' || kind == 'a') {
+      event.properties.push_back({kInTypeAnsiString, 0});
+      event.data += kind == 'S' ? v.server : kind == 'C' ? v.client : "example.com.";
+      event.data.push_back('\0');
+    } else if (kind == 'u') {
+      event.properties.push_back({kInTypeUnicodeString, 0});
+      event.data.append("D\0e\0f\0\0\0", 8);  // u"Def"
+    } else {
+      // The provider declares the message's size through the length property, not here.
+      event.properties.push_back({kInTypeBinary, 0});
+      event.data += v.message;
     }
-    event.properties.push_back(info);
   }
   event.count = static_cast<uint32_t>(event.properties.size());
   return event;

@@ -1,6 +1,7 @@
 // Builds DNS wire messages and dnstap records for the format tests.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <string>
 
@@ -11,10 +12,7 @@ namespace ns::format::testing {
 
 class Wire {
  public:
-  Wire& u8(uint8_t v) {
-    bytes_.push_back(static_cast<char>(v));
-    return *this;
-  }
+  Wire& u8(uint8_t v) { return raw(std::string(1, static_cast<char>(v))); }
   Wire& u16(uint16_t v) { return u8(v >> 8).u8(v & 0xFF); }
   Wire& u32(uint32_t v) { return u16(v >> 16).u16(v & 0xFFFF); }
   Wire& raw(const std::string& data) {
@@ -26,16 +24,12 @@ class Wire {
   }
   // A name from dot-separated labels (a label may hold any byte but '.'), root-terminated.
   Wire& name(const std::string& dotted) {
-    size_t start = 0;
-    while (start < dotted.size()) {
-      size_t end = dotted.find('.', start);
-      if (end == std::string::npos) end = dotted.size();
+    for (size_t start = 0, end = 0; start < dotted.size(); start = end + 1) {
+      end = std::min(dotted.find('.', start), dotted.size());
       u8(static_cast<uint8_t>(end - start)).raw(dotted.substr(start, end - start));
-      start = end + 1;
     }
     return u8(0);
   }
-  Wire& pointer(uint16_t offset) { return u16(0xC000 | offset); }
   Wire& question(const std::string& qname, uint16_t type, uint16_t klass) {
     return name(qname).u16(type).u16(klass);
   }
@@ -55,29 +49,28 @@ inline std::string ipBytes(const std::string& text) {
   return out;
 }
 
-inline std::string nameBytes(const std::string& dotted) { return Wire().name(dotted).bytes(); }
+constexpr uint64_t kSec = 1709622542;  // 2024-03-05 07:09:02 UTC
+constexpr uint32_t kNsec = 5000;
 
 // A record whose query and response times are both set, with `wire` as the message of its
 // direction (query message for odd types, response message for even types).
 inline encoding::dnstap::DnstapMessage makeRecord(uint64_t type, uint64_t family, uint64_t protocol,
                                                   const std::string& client,
                                                   const std::string& server, uint64_t port,
-                                                  const std::string& wire, uint64_t sec,
-                                                  uint32_t nsec) {
-  encoding::dnstap::DnstapMessage record;
-  record.type = type;
-  record.socket_family = family;
-  record.socket_protocol = protocol;
-  record.query_address = ipBytes(client);
-  record.response_address = ipBytes(server);
-  record.query_port = port;
-  record.response_port = 53;
-  record.query_time_sec = sec;
-  record.query_time_nsec = nsec;
-  record.response_time_sec = sec;
-  record.response_time_nsec = nsec;
-  ((type & 1) != 0 ? record.query_message : record.response_message) = wire;
-  return record;
+                                                  const std::string& wire, uint64_t sec = kSec,
+                                                  uint32_t nsec = kNsec) {
+  encoding::dnstap::DnstapMessage r;
+  r.type = type;
+  r.socket_family = family;
+  r.socket_protocol = protocol;
+  r.query_address = ipBytes(client);
+  r.response_address = ipBytes(server);
+  r.query_port = port;
+  r.response_port = 53;
+  r.query_time_sec = r.response_time_sec = sec;
+  r.query_time_nsec = r.response_time_nsec = nsec;
+  ((type & 1) != 0 ? r.query_message : r.response_message) = wire;
+  return r;
 }
 
 }  // namespace ns::format::testing
