@@ -8,63 +8,41 @@
 
 namespace {
 
-// vantrelo.exe of the same build: <build>/src/app, this test being in <build>/tests/app.
-std::string programPath() {
+// The text the event log shows for `id` with `message` as the insertion string, or the error
+// code when the table has no such message.
+std::string format(HMODULE module, DWORD id, const std::string& message) {
+  char buffer[1024] = {};
+  DWORD_PTR arguments[] = {reinterpret_cast<DWORD_PTR>(message.c_str())};
+  const DWORD length =
+      FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module, id, 0,
+                     buffer, sizeof buffer, reinterpret_cast<va_list*>(arguments));
+  if (length == 0) return "error " + std::to_string(GetLastError());
+  std::string text(buffer, length);
+  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+  return text;
+}
+
+TEST(MessageTableTest, EveryLevelShowsTheWholeMessageAndNothingElseIsThere) {
+  // vantrelo.exe of the same build: <build>/src/app, this test being in <build>/tests/app.
   char self[MAX_PATH] = {};
   GetModuleFileNameA(nullptr, self, sizeof self);
-  std::string path = self;
-  for (int level = 0; level < 3; ++level) path.erase(path.find_last_of("\\/"));
-  return path + "\\src\\app\\vantrelo.exe";
-}
-
-class MessageTableTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    module_ = LoadLibraryExA(programPath().c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
-    ASSERT_NE(module_, nullptr) << programPath() << ": " << GetLastError();
-  }
-  void TearDown() override {
-    if (module_ != nullptr) FreeLibrary(module_);
-  }
-
-  // The text the event log shows for `id` with `message` as the insertion string; empty with
-  // the error code in `failure` when the table has no such message.
-  std::string format(DWORD id, const std::string& message, DWORD& failure) {
-    char buffer[1024] = {};
-    DWORD_PTR arguments[] = {reinterpret_cast<DWORD_PTR>(message.c_str())};
-    DWORD length =
-        FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_ARGUMENT_ARRAY, module_, id, 0,
-                       buffer, sizeof buffer, reinterpret_cast<va_list*>(arguments));
-    failure = length == 0 ? GetLastError() : 0;
-    std::string text(buffer, length);
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-    return text;
-  }
-
-  HMODULE module_ = nullptr;
-};
-
-TEST_F(MessageTableTest, EveryLevelShowsTheWholeMessage) {
+  std::string program = self;
+  for (int level = 0; level < 3; ++level) program.erase(program.find_last_of("\\/"));
+  program += "\\src\\app\\vantrelo.exe";
+  HMODULE module = LoadLibraryExA(program.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
+  ASSERT_NE(module, nullptr) << program << ": " << GetLastError();
   // Information, warning, error, as the log reports them.
-  const DWORD ids[] = {1, 2, 3};
-  const std::string messages[] = {"Started", "Forwarder[collector]: Process loop failed: 100%", ""};
-  for (DWORD id : ids) {
-    for (const std::string& message : messages) {
-      DWORD failure = 0;
-      EXPECT_EQ(format(id, message, failure), message) << "event id " << id;
-      EXPECT_EQ(failure, 0u) << "event id " << id;
+  for (DWORD id : {1, 2, 3}) {
+    for (const std::string message : {"Started", "Forwarder[x]: Process loop failed: 100%", ""}) {
+      EXPECT_EQ(format(module, id, message), message) << "event id " << id;
     }
   }
-}
-
-TEST_F(MessageTableTest, HoldsNoOtherIds) {
   // Ids with severity or facility bits set would not match what the agent reports.
-  const DWORD absent[] = {0, 4, 0x40000001, 0x0FFF0001};
-  for (DWORD id : absent) {
-    DWORD failure = 0;
-    format(id, "x", failure);
-    EXPECT_EQ(failure, static_cast<DWORD>(ERROR_MR_MID_NOT_FOUND)) << "event id " << id;
+  for (DWORD id : {0, 4, 0x40000001, 0x0FFF0001}) {
+    EXPECT_EQ(format(module, id, "x"), "error " + std::to_string(ERROR_MR_MID_NOT_FOUND))
+        << "event id " << id;
   }
+  FreeLibrary(module);
 }
 
 }  // namespace

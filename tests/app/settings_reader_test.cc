@@ -4,6 +4,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 
 #include "etw/windows_version.h"
 
@@ -86,17 +87,12 @@ TEST(SettingsReaderTest, MessageSettings) {
                                "domain-suffix Corp.Example.\nmessage-hostname dns-1.site\n"
                                "message-syslog-format bsd\nmessage-syslog-priority -1\n"),
                       s);
-  EXPECT_EQ(s.format, format::MessageFormat::kQuerylog);
-  EXPECT_TRUE(s.querylog_extended);
-  EXPECT_FALSE(s.trailing_dot);
-  EXPECT_TRUE(s.suffix_enabled);
-  EXPECT_TRUE(s.suffix_builtin);
-  EXPECT_FALSE(s.suffix_config);
+  EXPECT_EQ(std::make_tuple(s.format, s.querylog_extended, s.trailing_dot, s.suffix_enabled,
+                            s.suffix_builtin, s.suffix_config, s.hostname, s.syslog_style,
+                            s.syslog_priority, s.suffixes.configured_size()),
+            std::make_tuple(format::MessageFormat::kQuerylog, true, false, true, true, false,
+                            "dns-1.site", 1, -1, 2u));
   EXPECT_GT(s.suffixes.builtin_size(), 1000u);
-  EXPECT_EQ(s.suffixes.configured_size(), 2u);
-  EXPECT_EQ(s.hostname, "dns-1.site");
-  EXPECT_EQ(s.syslog_style, 1);
-  EXPECT_EQ(s.syslog_priority, -1);
   EXPECT_NE(s.process_id, 0u);
 }
 
@@ -133,25 +129,23 @@ TEST(SettingsReaderTest, MessageDefaultsAndWordTables) {
 TEST(SettingsReaderTest, QueueAndMetrics) {
   event::queue::QueueOptions q;
   readQueueSettings(configOf(""), q);
-  EXPECT_EQ(q.size, 104857600u);
-  EXPECT_TRUE(q.recovery);
-  EXPECT_EQ(q.filename, "message.queue");
+  EXPECT_EQ(std::make_tuple(q.size, q.recovery, q.filename),
+            std::make_tuple(104857600u, true, "message.queue"));
   readQueueSettings(configOf("message-queue-size 4096\nmessage-queue-recovery off\n"
                              "message-queue-filename state/q.bin\n"),
                     q);
-  EXPECT_EQ(q.size, 4096u);
-  EXPECT_FALSE(q.recovery);
-  EXPECT_EQ(q.filename, "state/q.bin");
+  EXPECT_EQ(std::make_tuple(q.size, q.recovery, q.filename),
+            std::make_tuple(4096u, false, "state/q.bin"));
   readQueueSettings(configOf("message-queue-size -1"), q);
   EXPECT_EQ(q.size, UINT64_MAX);
 
   format::MetricsSettings m;
   readMetricsSettings(configOf(""), m);
-  EXPECT_EQ(m.interval, 600);
-  EXPECT_EQ(m.format, format::MetricsFormat::kKv);
+  EXPECT_EQ(std::make_tuple(m.interval, m.format),
+            std::make_tuple(600, format::MetricsFormat::kKv));
   readMetricsSettings(configOf("metrics-interval 10s\nmetrics-format json"), m);
-  EXPECT_EQ(m.interval, 10);
-  EXPECT_EQ(m.format, format::MetricsFormat::kJson);
+  EXPECT_EQ(std::make_tuple(m.interval, m.format),
+            std::make_tuple(10, format::MetricsFormat::kJson));
 }
 
 TEST(SettingsReaderTest, ForwardersAndListenersInFileOrder) {
@@ -216,15 +210,10 @@ TEST(SettingsReaderTest, EtwKeys) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "[INFO] Using Windows Server 2022 ETW semantics\n"
             "[INFO] Using Windows Server 2012R2 ETW semantics\n");
-  EXPECT_EQ(s.windowsVersion, etw::kWindows2012R2);
-  EXPECT_EQ(s.bufferSize, 64u);
-  EXPECT_EQ(s.minimumBuffers, UINT32_MAX);
-  EXPECT_EQ(s.maximumBuffers, 8u);
-  EXPECT_EQ(s.flushTimer, 2u);
-  EXPECT_TRUE(s.filter);
-  EXPECT_EQ(s.level, 1);
-  EXPECT_EQ(s.matchAnyKeyword, 55u);
-  EXPECT_EQ(s.matchAllKeyword, UINT64_MAX);
+  EXPECT_EQ(
+      std::make_tuple(s.windowsVersion, s.bufferSize, s.minimumBuffers, s.maximumBuffers,
+                      s.flushTimer, s.filter, s.level, s.matchAnyKeyword, s.matchAllKeyword),
+      std::make_tuple(etw::kWindows2012R2, 64u, UINT32_MAX, 8u, 2u, true, 1, 55u, UINT64_MAX));
 
   struct Case {
     const char* text;

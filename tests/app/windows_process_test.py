@@ -1,14 +1,13 @@
 #!/usr/bin/env python3
-"""Runs the Windows vantrelo.exe under wine as a user would start it from a console, and as a
-relay fed by a sender on the Linux side.
-
-usage: windows_process_test.py WINE_PREFIX vantrelo.exe
-
-`run-service` started from a console is not connected to a service manager, so it runs the
-agent in the foreground and logs through the event log. Wine's event log keeps no records but
-traces every ReportEvent string on its "eventlog" debug channel (information as trace,
-warnings as warn, errors as err), which this test turns on to see the entries.
-"""
+# Runs the Windows vantrelo.exe under wine as a user would start it from a console, and as a
+# relay fed by a sender on the Linux side.
+#
+# usage: windows_process_test.py WINE_PREFIX vantrelo.exe
+#
+# `run-service` started from a console is not connected to a service manager, so it runs the
+# agent in the foreground and logs through the event log. Wine's event log keeps no records but
+# traces every ReportEvent string on its "eventlog" debug channel (information as trace,
+# warnings as warn, errors as err), which this test turns on to see the entries.
 import os
 import re
 import shutil
@@ -49,7 +48,7 @@ def run(args):
 
 
 def wide(text):
-    """A string as wine's debugstr_w writes it."""
+    # A string as wine's debugstr_w writes it.
     return 'L"' + text.replace("\\", "\\\\") + '"'
 
 
@@ -99,14 +98,14 @@ def varint(value):
 
 
 def field(number, value):
-    """One protobuf field: an int as a varint, bytes as a length-delimited value."""
+    # One protobuf field: an int as a varint, bytes as a length-delimited value.
     if isinstance(value, int):
         return varint(number << 3) + varint(value)
     return varint(number << 3 | 2) + varint(len(value)) + value
 
 
 def client_query(query_id):
-    """A serialised dnstap frame holding a client's A query for host<id>.example.com."""
+    # A serialised dnstap frame holding a client's A query for host<id>.example.com.
     labels = [b"host%d" % query_id, b"example", b"com"]
     qname = b"".join(bytes([len(label)]) + label for label in labels) + b"\0"
     dns = struct.pack(">HHHHHH", query_id, 0x0100, 1, 0, 0, 0) + qname + struct.pack(">HH", 1, 1)
@@ -124,7 +123,7 @@ def control(kind, content_type=True):
 
 
 class RelayTest(unittest.TestCase):
-    """run-stdout under wine relays what a Linux sender delivers over Frame Streams."""
+    # run-stdout under wine relays what a Linux sender delivers over Frame Streams.
 
     def test_run_stdout_prints_every_relayed_event(self):
         with socket.socket() as probe:

@@ -13,9 +13,6 @@
 #include <vector>
 
 #include "encoding/text_encoding.h"
-#include "net/fstrm_socket.h"
-#include "net/socket.h"
-#include "net/tls_socket.h"
 #include "net_test_support.h"
 #include "worker_test_support.h"
 
@@ -29,68 +26,57 @@ using testing::clientQueryEvent;
 using testing::eventNumberIn;
 using testing::waitUntil;
 
-// A collector on an ephemeral loopback port. It serves one connection after another and keeps
-// what each delivered: text lines, or the payloads of dnstap data frames. The first connection
-// can be cut after a number of records, as a collector that restarts would.
+// A collector on a loopback port. It serves one connection after another and keeps what they
+// delivered: text lines, or the payloads of dnstap data frames after the handshake. The first
+// connection can be cut after a number of records, as a collector that restarts would.
 class Collector {
  public:
-  Collector(bool dnstap, size_t cutFirstAfter = 0, uint16_t port = 0)
+  explicit Collector(bool dnstap, size_t cutFirstAfter = 0, uint16_t port = 0)
       : dnstap_(dnstap), cutFirstAfter_(cutFirstAfter), socket_(50, loopbackSettings(port)) {
     socket_.listen();
-    port_ = socket_.localPort();
     thread_ = std::thread(&Collector::run, this);
   }
   ~Collector() {
     stop_ = true;
     thread_.join();
   }
-  uint16_t port() const { return port_; }
-  // The records received so far, each with the number of the connection (from 1) it came on.
-  std::vector<std::pair<int, std::string>> records() const {
+  uint16_t port() const { return socket_.localPort(); }
+  std::vector<std::string> records() const {
     std::lock_guard<std::mutex> lock(mutex_);
     return records_;
   }
-  size_t count() const { return records().size(); }
-  int connections() const { return connections_.load(); }
-  bool cleanlyStopped() const { return cleanlyStopped_.load(); }
-  bool firstCut() const { return firstCut_.load(); }
+  std::atomic<bool> cleanlyStopped{false};  // the forwarder's STOP was answered with FINISH
+  std::atomic<bool> firstCut{false};
 
  private:
   void run() {
-    while (!stop_) {
+    for (int number = 1; !stop_;) {
       if (socket_.wait(true, 1)) continue;
       std::unique_ptr<net::Socket> connection = socket_.accept();
       if (!connection) continue;
-      const int number = ++connections_;
       try {
-        if (dnstap_) {
-          serveFrames(*connection, number);
-        } else {
-          serveLines(*connection, number);
-        }
+        dnstap_ ? serveFrames(*connection, number) : serveLines(*connection, number);
       } catch (const std::exception&) {
         // The forwarder went away; wait for its next connection.
       }
-      if (number == 1 && cutFirstAfter_ != 0) firstCut_ = true;
+      if (number++ == 1 && cutFirstAfter_ != 0) firstCut = true;
     }
   }
-  bool cutNow(int number) const {
-    return number == 1 && cutFirstAfter_ != 0 && count() >= cutFirstAfter_;
+  bool keepServing(int number) const {
+    return !stop_ && !(number == 1 && cutFirstAfter_ != 0 && records().size() >= cutFirstAfter_);
   }
-  void add(int number, std::string record) {
+  void add(std::string record) {
     std::lock_guard<std::mutex> lock(mutex_);
-    records_.emplace_back(number, std::move(record));
+    records_.push_back(std::move(record));
   }
   void serveLines(net::Socket& connection, int number) {
     std::string pending;
     char buffer[4096];
-    while (!stop_ && !cutNow(number)) {
+    while (keepServing(number)) {
       if (connection.wait(true, 1)) continue;
       pending.append(buffer, connection.recv(buffer, sizeof buffer));
-      size_t end;
-      while ((end = pending.find('\n')) != std::string::npos) {
-        add(number, pending.substr(0, end));
-        pending.erase(0, end + 1);
+      for (size_t end; (end = pending.find('\n')) != std::string::npos; pending.erase(0, end + 1)) {
+        add(pending.substr(0, end));
       }
     }
   }
@@ -103,68 +89,63 @@ class Collector {
       type = fstrm.readControl(true, true);
     }
     if (type != net::fstrm::kControlStart) return;
-    std::string payload;
-    while (!stop_ && !cutNow(number)) {
+    for (std::string payload; keepServing(number);) {
       if (fstrm.wait(1)) continue;
       const uint32_t length = fstrm.readFrameLength(true);
       if (length == 0) {
-        if (fstrm.readControl(false, false) == net::fstrm::kControlStop) {
-          fstrm.writeControl(net::fstrm::kControlFinish, false);
-          cleanlyStopped_ = true;
-        }
+        if (fstrm.readControl(false, false) != net::fstrm::kControlStop) return;
+        cleanlyStopped = true;  // before FINISH, which lets the forwarder's stop return
+        fstrm.writeControl(net::fstrm::kControlFinish, false);
         return;
       }
       fstrm.readBytes(payload, length);
-      add(number, payload);
+      add(payload);
     }
   }
 
   const bool dnstap_;
   const size_t cutFirstAfter_;
   net::Socket socket_;
-  uint16_t port_ = 0;
   std::thread thread_;
   std::atomic<bool> stop_{false};
-  std::atomic<int> connections_{0};
-  std::atomic<bool> cleanlyStopped_{false};
-  std::atomic<bool> firstCut_{false};
   mutable std::mutex mutex_;
-  std::vector<std::pair<int, std::string>> records_;
+  std::vector<std::string> records_;
 };
 
-ForwarderSettings towards(uint16_t port, uint32_t batchSize) {
-  ForwarderSettings settings;
-  settings.socket = loopbackSettings(port);
-  settings.socket.connectTimeout = 1;
-  settings.batchSize = batchSize;
-  return settings;
-}
-
-format::MessageSettings messages(MessageFormat format) {
-  format::MessageSettings settings;
-  settings.format = format;
-  settings.hostname = "relay-test";
-  return settings;
-}
-
-void pushEvents(event::queue::EventQueue& queue, uint32_t first, uint32_t count) {
-  for (uint32_t number = first; number < first + count; ++number) {
-    const std::string event = clientQueryEvent(number);
+// A forwarder of the given format and options, with its queue, towards a loopback port; a
+// file as output puts it in standard-output mode.
+struct Running {
+  Running(uint32_t id, MessageFormat format, uint16_t port, const std::string& options,
+          std::FILE* output = stdout)
+      : queue(event::queue::QueueOptions{1 << 20, false, ""}) {
+    messages.format = format;
+    messages.hostname = "relay-test";
+    ForwarderSettings settings =
+        parse("ipv4 127.0.0.1 " + std::to_string(port) + " connect-timeout=1 " + options);
+    settings.toStdout = output != stdout;
+    forwarder = std::make_unique<Forwarder>(id, settings, queue, messages, output);
+  }
+  void push(uint32_t first, uint32_t count) {
+    for (uint32_t number = first; number < first + count; ++number) push(clientQueryEvent(number));
+  }
+  void push(const std::string& event) {
     queue.push(reinterpret_cast<const uint8_t*>(event.data()), static_cast<uint32_t>(event.size()));
   }
-}
+  void stop() {
+    forwarder->stop();
+    forwarder->join();
+  }
 
-event::queue::QueueOptions smallQueue() { return event::queue::QueueOptions{1 << 20, false, ""}; }
+  event::queue::EventQueue queue;
+  format::MessageSettings messages;
+  std::unique_ptr<Forwarder> forwarder;
+};
 
-// Reads back everything written to a temporary file.
-std::string contents(std::FILE* file) {
-  std::fflush(file);
-  std::rewind(file);
-  std::string out;
-  char buffer[4096];
-  size_t read;
-  while ((read = std::fread(buffer, 1, sizeof buffer, file)) > 0) out.append(buffer, read);
-  return out;
+// A loopback port nothing listens on.
+uint16_t closedPort() {
+  net::Socket reserve(0, loopbackSettings());
+  reserve.listen();
+  return reserve.localPort();
 }
 
 TEST(ForwarderTest, DeliversEveryFormatToTheCollector) {
@@ -174,107 +155,78 @@ TEST(ForwarderTest, DeliversEveryFormatToTheCollector) {
     SCOPED_TRACE(static_cast<int>(format));
     LogRecorder log;
     Collector collector(dnstap);
-    event::queue::EventQueue queue(smallQueue());
-    const format::MessageSettings settings = messages(format);
-    pushEvents(queue, 0, 5);
-    auto forwarder = std::make_unique<Forwarder>(3, towards(collector.port(), 2), queue, settings);
-    forwarder->start();
-    ASSERT_TRUE(waitUntil([&] { return collector.count() == 5; }));
+    Running running(3, format, collector.port(), "batch-size=2");
+    running.push(0, 5);
+    running.forwarder->start();
+    ASSERT_TRUE(waitUntil([&] { return collector.records().size() == 5; }));
     uint64_t bytes = 0;
-    std::vector<std::pair<int, std::string>> records = collector.records();
+    const std::vector<std::string> records = collector.records();
     for (uint32_t i = 0; i < records.size(); ++i) {
-      const std::string& record = records[i].second;
       if (dnstap) {
-        EXPECT_EQ(record, clientQueryEvent(i));
-        bytes += record.size() + format::kDnstapFrameLengthSize;
+        EXPECT_EQ(records[i], clientQueryEvent(i));
       } else {
-        EXPECT_EQ(eventNumberIn(record), i) << record;
-        bytes += record.size() + 1;
+        EXPECT_EQ(eventNumberIn(records[i]), i) << records[i];
       }
+      bytes += records[i].size() + (dnstap ? format::kDnstapFrameLengthSize : 1);
     }
-    EXPECT_TRUE(waitUntil([&] { return forwarder->eventsSent() == 5; }));
-    EXPECT_EQ(forwarder->bytesSent(), bytes);
-    EXPECT_EQ(forwarder->connects(), 1u);
-    EXPECT_TRUE(forwarder->connected());
-    forwarder->stop();
-    forwarder->join();
-    EXPECT_FALSE(forwarder->connected());
-    EXPECT_EQ(collector.cleanlyStopped(), dnstap);
+    EXPECT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == 5; }));
+    EXPECT_EQ(running.forwarder->bytesSent(), bytes);
+    EXPECT_EQ(running.forwarder->connects(), 1u);
+    EXPECT_TRUE(running.forwarder->connected());
+    // A forwarder waiting for events stops at once.
+    const auto stopped = std::chrono::steady_clock::now();
+    running.stop();
+    EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(1));
+    EXPECT_FALSE(running.forwarder->connected());
+    EXPECT_EQ(collector.cleanlyStopped, dnstap);
     EXPECT_TRUE(log.contains("I Forwarder[3]: Configured target is 127.0.0.1:" +
                              std::to_string(collector.port())));
-    EXPECT_TRUE(log.contains("I Forwarder[3]: Finished process loop"));
   }
 }
 
+// Events that do not decode are skipped and counted in every format.
 TEST(ForwarderTest, StandardOutputModePrintsEachBatch) {
   struct Case {
     MessageFormat format;
     uint32_t batchSize;
     size_t lines;
   };
-  for (const Case& c : {Case{MessageFormat::kJson, 100, 3}, Case{MessageFormat::kDnstap, 1, 3},
+  for (const Case& c : {Case{MessageFormat::kJson, 100, 2}, Case{MessageFormat::kDnstap, 1, 2},
                         Case{MessageFormat::kDnstap, 100, 1}}) {
     SCOPED_TRACE(std::to_string(static_cast<int>(c.format)) + "/" + std::to_string(c.batchSize));
     std::FILE* output = std::tmpfile();
     ASSERT_NE(output, nullptr);
-    event::queue::EventQueue queue(smallQueue());
-    const format::MessageSettings settings = messages(c.format);
-    ForwarderSettings forwarderSettings = towards(9, c.batchSize);
-    forwarderSettings.toStdout = true;
-    pushEvents(queue, 0, 3);
-    Forwarder forwarder(0, forwarderSettings, queue, settings, output);
-    forwarder.start();
-    ASSERT_TRUE(waitUntil([&] { return forwarder.eventsSent() == 3; }));
-    forwarder.stop();
-    forwarder.join();
-    std::string printed = contents(output);
+    Running running(0, c.format, 9, "batch-size=" + std::to_string(c.batchSize), output);
+    running.push(0, 1);
+    running.push(clientQueryEvent(1).substr(0, 20));
+    running.push("\xff\xff\xff");
+    running.push(2, 1);
+    running.forwarder->start();
+    ASSERT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == 2; }));
+    running.stop();
+    std::string printed(static_cast<size_t>(std::ftell(output)), '\0');
+    std::rewind(output);
+    ASSERT_EQ(std::fread(printed.data(), 1, printed.size(), output), printed.size());
     std::fclose(output);
     EXPECT_EQ(static_cast<size_t>(std::count(printed.begin(), printed.end(), '\n')), c.lines);
-    EXPECT_EQ(forwarder.connects(), 0u);
-    if (c.format != MessageFormat::kDnstap) continue;
-    std::string frames;
-    for (uint32_t i = 0; i < 3; ++i) {
-      const std::string event = clientQueryEvent(i);
-      format::appendDnstapFrame(frames, reinterpret_cast<const uint8_t*>(event.data()),
-                                static_cast<uint32_t>(event.size()));
+    format::ForwarderMetrics metrics;
+    running.forwarder->metrics(metrics);
+    EXPECT_EQ(std::make_tuple(metrics.events_sent, metrics.dnstap_errors, metrics.connects),
+              std::make_tuple(2u, 2u, 0u));
+    if (c.format != MessageFormat::kDnstap) {
+      EXPECT_EQ(eventNumberIn(printed), 0);
+      EXPECT_EQ(eventNumberIn(printed.substr(printed.find('\n'))), 2);
+      EXPECT_EQ(metrics.bytes_sent, printed.size());
+      continue;
     }
+    const std::string frames =
+        testing::dataFrame(clientQueryEvent(0)) + testing::dataFrame(clientQueryEvent(2));
     std::string hex;
     encoding::hex::hexEncode(hex, reinterpret_cast<const uint8_t*>(frames.data()), frames.size());
     printed.erase(std::remove(printed.begin(), printed.end(), '\n'), printed.end());
     EXPECT_EQ(printed, hex);
-    EXPECT_EQ(forwarder.bytesSent(), frames.size());
+    EXPECT_EQ(metrics.bytes_sent, frames.size());
   }
-}
-
-TEST(ForwarderTest, SkipsEventsThatAreNotDnstap) {
-  std::FILE* output = std::tmpfile();
-  ASSERT_NE(output, nullptr);
-  event::queue::EventQueue queue(smallQueue());
-  const format::MessageSettings settings = messages(MessageFormat::kJson);
-  ForwarderSettings forwarderSettings = towards(9, 10);
-  forwarderSettings.toStdout = true;
-  const std::string truncated = clientQueryEvent(1).substr(0, 20);
-  const std::string garbage = "\xff\xff\xff";
-  pushEvents(queue, 0, 1);
-  queue.push(reinterpret_cast<const uint8_t*>(truncated.data()),
-             static_cast<uint32_t>(truncated.size()));
-  queue.push(reinterpret_cast<const uint8_t*>(garbage.data()),
-             static_cast<uint32_t>(garbage.size()));
-  pushEvents(queue, 2, 1);
-  Forwarder forwarder(0, forwarderSettings, queue, settings, output);
-  forwarder.start();
-  ASSERT_TRUE(waitUntil([&] { return forwarder.eventsSent() + forwarder.dnstapErrors() == 4; }));
-  forwarder.stop();
-  forwarder.join();
-  const std::string printed = contents(output);
-  std::fclose(output);
-  EXPECT_EQ(forwarder.eventsSent(), 2u);
-  EXPECT_EQ(forwarder.dnstapErrors(), 2u);
-  EXPECT_EQ(forwarder.bytesSent(), printed.size());
-  format::ForwarderMetrics metrics;
-  forwarder.metrics(metrics);
-  EXPECT_EQ(metrics.dnstap_errors, 2u);
-  EXPECT_EQ(metrics.events_sent, 2u);
 }
 
 // The collector reads the first batch and hangs up. The next batch is still taken by the
@@ -284,130 +236,86 @@ TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
   constexpr uint32_t kBatch = 5;
   struct Case {
     const char* recovery;
-    bool returnCurrent;
-    bool returnPrevious;
     size_t mostLost;
+    std::vector<std::string> returned;  // the batches put back into the queue, in order
   };
-  const Case cases[] = {
-      {"drop", false, false, 2 * kBatch},
-      {"best-effort", true, false, kBatch},
-      {"durable", true, true, 0},
-  };
+  const Case cases[] = {{"drop", 2 * kBatch, {}},
+                        {"best-effort", kBatch, {"current"}},
+                        {"durable", 0, {"previous", "current"}}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.recovery);
     LogRecorder log;
     Collector collector(false, kBatch);
-    event::queue::EventQueue queue(smallQueue());
-    const format::MessageSettings settings = messages(MessageFormat::kJson);
-    ForwarderSettings forwarderSettings = towards(collector.port(), kBatch);
-    forwarderSettings.returnCurrent = c.returnCurrent;
-    forwarderSettings.returnPrevious = c.returnPrevious;
-    Forwarder forwarder(1, forwarderSettings, queue, settings);
-    forwarder.start();
-
+    Running running(1, MessageFormat::kJson, collector.port(),
+                    "batch-size=5 recovery=" + std::string(c.recovery));
+    running.forwarder->start();
     uint32_t pushed = 0;
-    pushEvents(queue, pushed, kBatch);
+    running.push(pushed, kBatch);
     pushed += kBatch;
-    ASSERT_TRUE(waitUntil([&] { return collector.firstCut(); }));
+    ASSERT_TRUE(waitUntil([&] { return collector.firstCut.load(); }));
     const auto broken = [&] {
-      for (const std::string& line : log.lines()) {
-        if (line.rfind("E Forwarder[1]: Connection error: ", 0) == 0) return true;
-      }
-      return false;
+      return !testing::linesStartingWith(log, "E Forwarder[1]: Connection error: ").empty();
     };
     for (int round = 0; round < 5 && !broken(); ++round) {
-      const uint64_t sent = forwarder.eventsSent();
-      pushEvents(queue, pushed, kBatch);
+      const uint64_t sent = running.forwarder->eventsSent();
+      running.push(pushed, kBatch);
       pushed += kBatch;
-      ASSERT_TRUE(waitUntil([&] { return broken() || forwarder.eventsSent() == sent + kBatch; }));
+      ASSERT_TRUE(
+          waitUntil([&] { return broken() || running.forwarder->eventsSent() == sent + kBatch; }));
     }
     ASSERT_TRUE(broken());
     // An established connection that broke is replaced at once.
-    ASSERT_TRUE(waitUntil([&] { return forwarder.connects() == 2 && forwarder.connected(); }));
+    ASSERT_TRUE(waitUntil(
+        [&] { return running.forwarder->connects() == 2 && running.forwarder->connected(); }));
     const uint32_t marker = pushed;
-    pushEvents(queue, pushed, kBatch);
+    running.push(pushed, kBatch);
     pushed += kBatch;
-    ASSERT_TRUE(waitUntil([&] {
-      std::set<int64_t> markers;
-      for (const auto& record : collector.records()) {
-        if (eventNumberIn(record.second) >= marker) markers.insert(eventNumberIn(record.second));
-      }
-      return markers.size() == kBatch;
-    }));
-    forwarder.stop();
-    forwarder.join();
-
     std::set<int64_t> received;
-    for (const auto& record : collector.records()) received.insert(eventNumberIn(record.second));
+    ASSERT_TRUE(waitUntil([&] {
+      received.clear();
+      for (const std::string& record : collector.records()) received.insert(eventNumberIn(record));
+      return std::distance(received.lower_bound(marker), received.end()) == kBatch;
+    }));
+    running.stop();
     EXPECT_LE(pushed - received.size(), c.mostLost);
-
-    const std::vector<std::string> lines = log.lines();
-    const auto find = [&](const std::string& prefix) {
-      return std::find_if(lines.begin(), lines.end(),
-                          [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
-    };
-    const auto previous = find("I Forwarder[1]: Returning 5 previous events");
-    const auto current = find("I Forwarder[1]: Returning 5 current events");
-    EXPECT_EQ(previous != lines.end(), c.returnPrevious);
-    EXPECT_EQ(current != lines.end(), c.returnCurrent);
-    if (c.returnPrevious) {
-      EXPECT_LT(previous, current);
+    std::vector<std::string> returned;
+    for (const std::string& which : c.returned) {
+      returned.push_back("I Forwarder[1]: Returning 5 " + which +
+                         " events back to the event queue");
     }
+    EXPECT_EQ(testing::linesStartingWith(log, "I Forwarder[1]: Returning"), returned);
   }
 }
 
 TEST(ForwarderTest, ReconnectsWhenTheCollectorComesUp) {
   LogRecorder log;
-  uint16_t port = 0;
-  {
-    net::Socket reserve(0, loopbackSettings());
-    reserve.listen();
-    port = reserve.localPort();
-  }
-  event::queue::EventQueue queue(smallQueue());
-  const format::MessageSettings settings = messages(MessageFormat::kQuerylog);
-  pushEvents(queue, 0, 3);
-  Forwarder forwarder(4, towards(port, 100), queue, settings);
-  forwarder.start();
+  const uint16_t port = closedPort();
+  Running running(4, MessageFormat::kQuerylog, port, "batch-size=100");
+  running.push(0, 3);
+  running.forwarder->start();
   ASSERT_TRUE(waitUntil([&] {
-    for (const std::string& line : log.lines()) {
-      if (line.rfind("E Forwarder[4]: Connection error: ", 0) == 0) return true;
-    }
-    return false;
+    return !testing::linesStartingWith(log, "E Forwarder[4]: Connection error: ").empty();
   }));
-  EXPECT_EQ(forwarder.connects(), 1u);
   const auto failed = std::chrono::steady_clock::now();
   Collector collector(false, 0, port);
-  ASSERT_TRUE(waitUntil([&] { return collector.count() == 3; }, std::chrono::seconds(15)));
+  ASSERT_TRUE(waitUntil([&] { return collector.records().size() == 3; }, std::chrono::seconds(15)));
   // A collector that was down is tried again only after the ten-second pause.
   EXPECT_GE(std::chrono::steady_clock::now() - failed, std::chrono::seconds(9));
-  EXPECT_EQ(forwarder.connects(), 2u);
-  forwarder.stop();
-  forwarder.join();
+  EXPECT_EQ(running.forwarder->connects(), 2u);
+  running.stop();
 }
 
-TEST(ForwarderTest, StopIsPromptWhereverTheForwarderWaits) {
-  struct Case {
-    const char* name;
-    bool collectorUp;
-  };
-  for (const Case& c : {Case{"waiting for events", true}, Case{"pausing to reconnect", false}}) {
-    SCOPED_TRACE(c.name);
-    LogRecorder log;
-    auto collector = std::make_unique<Collector>(false);
-    const uint16_t port = collector->port();
-    if (!c.collectorUp) collector.reset();
-    event::queue::EventQueue queue(smallQueue());
-    const format::MessageSettings settings = messages(MessageFormat::kJson);
-    Forwarder forwarder(0, towards(port, 10), queue, settings);
-    forwarder.start();
-    ASSERT_TRUE(waitUntil([&] { return forwarder.connects() == 1; }));
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    const auto stopped = std::chrono::steady_clock::now();
-    forwarder.stop();
-    forwarder.join();
-    EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(1));
-  }
+TEST(ForwarderTest, StopIsPromptDuringThePauseBeforeReconnecting) {
+  LogRecorder log;
+  Running running(0, MessageFormat::kJson, closedPort(), "batch-size=10");
+  running.forwarder->start();
+  ASSERT_TRUE(waitUntil([&] {
+    return !testing::linesStartingWith(log, "E Forwarder[0]: Connection error: ").empty();
+  }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  const auto stopped = std::chrono::steady_clock::now();
+  running.stop();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(1));
 }
 
 }  // namespace

@@ -1,19 +1,16 @@
-#include <dirent.h>
 #include <unistd.h>
+
+#include <filesystem>
+#include <iterator>
 
 #include "worker_test_support.h"
 
 namespace ns::worker::testing {
 
 int threadCount() {
-  DIR* tasks = opendir("/proc/self/task");
-  if (tasks == nullptr) return -1;
-  int count = 0;
-  while (dirent* entry = readdir(tasks)) {
-    if (entry->d_name[0] != '.') ++count;
-  }
-  closedir(tasks);
-  return count;
+  std::error_code error;
+  std::filesystem::directory_iterator tasks("/proc/self/task", error);
+  return error ? -1 : static_cast<int>(std::distance(tasks, std::filesystem::directory_iterator()));
 }
 
 PeerIdentity ownPeerIdentity() {

@@ -1,10 +1,10 @@
+// Receivers are driven through a running listener, which accepts the connections, reaps the
+// receivers that end and must keep serving everyone else.
 #include "worker/receiver.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,73 +15,24 @@ namespace ns::worker::receiver {
 namespace {
 
 using net::testing::LogRecorder;
-using net::testing::LoopbackPair;
-using net::testing::loopbackSettings;
 using testing::controlFrame;
 using testing::dataFrame;
-using testing::drain;
 using testing::waitUntil;
 
-constexpr uint32_t kReady = 4, kStart = 2, kStop = 3, kAccept = 1, kFinish = 5;
+constexpr uint32_t kAccept = 1, kStart = 2, kStop = 3, kReady = 4, kFinish = 5;
 
-struct Finished {
-  std::atomic<int> calls{0};
-  static void callback(Receiver&, void* context) { ++static_cast<Finished*>(context)->calls; }
-};
-
-// One accepted loopback connection served by a Receiver; the test drives the client side.
-struct Connection {
-  explicit Connection(const ReceiverSettings& settings)
-      : queue(event::queue::QueueOptions{1 << 20, false, ""}), pair(settings.socket) {
-    receiver = std::make_unique<Receiver>(settings, &Finished::callback, &finished, queue,
-                                          std::move(pair.server));
+// Everything the peer writes until it closes the connection.
+std::string readToEnd(net::Socket& socket) {
+  std::string out;
+  char buffer[256];
+  try {
+    for (;;) out.append(buffer, socket.recv(buffer, sizeof buffer));
+  } catch (const net::SocketError&) {
   }
-  ~Connection() {
-    if (receiver) {
-      receiver->stop();
-      receiver->join();
-    }
-  }
-  // Everything the receiver wrote back, read once it is gone and its socket closed.
-  std::string replies() {
-    receiver->join();
-    receiver.reset();
-    std::string out;
-    char buffer[256];
-    try {
-      for (;;) out.append(buffer, pair.client->recv(buffer, sizeof buffer));
-    } catch (const net::SocketError&) {
-    }
-    return out;
-  }
-  std::string failureLine(const std::string& text) const {
-    return "E Receiver[" + std::to_string(id) + "]: Process loop failed: " + text;
-  }
-
-  event::queue::EventQueue queue;
-  LoopbackPair pair;
-  Finished finished;
-  std::unique_ptr<Receiver> receiver;
-  uint32_t id = 0;
-};
-
-std::vector<std::string> errorLines(const LogRecorder& log) {
-  std::vector<std::string> errors;
-  for (const std::string& line : log.lines()) {
-    if (line.rfind("E ", 0) == 0) errors.push_back(line);
-  }
-  return errors;
+  return out;
 }
 
-ReceiverSettings shortTimeouts() {
-  ReceiverSettings settings;
-  settings.socket = loopbackSettings();
-  settings.socket.readTimeout = 1;
-  settings.socket.keepalive = 2;
-  return settings;
-}
-
-TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThem) {
+TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const std::string start = controlFrame(kStart, true);
   const std::string stop = controlFrame(kStop, false);  // its escape ends the data phase
   const std::string f100(100, '1'), f200(200, '2'), f300(300, '3');
@@ -104,92 +55,62 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThem) {
            "Expected content type of protobuf:dnstap.Dnstap but did not get it"},
       {"READY followed by STOP", controlFrame(kReady, true) + controlFrame(kStop, true), false,
            {}, controlFrame(kAccept, true), "Unexpected control message type 3"},
-      {"FINISH first", controlFrame(kFinish, true), false, {}, "",
-           "Unexpected control message type 5"},
       {"READY instead of STOP", start + dataFrame("q") + controlFrame(kReady, false), false,
            {"q"}, "", "Unexpected control message type 4"},
       {"oversized data frame", start + dataFrame("ok") + dataFrame(f300 + "+"), false, {"ok"},
            "", "Data frame length 301 is larger than the configured limit 300"},
       {"close in the middle of a frame", start + dataFrame(f100).substr(0, 14), true, {}, "",
            "recv() failed: socket closed"},
-      {"close without STOP", start + dataFrame("w"), true, {"w"}, "",
-           "recv() failed: socket closed"},
       {"garbage", "GET / HTTP/1.1\r\n\r\n", false, {}, "",
            "Expected control message preamble of 0 but got 1195725856"},
   };
   // clang-format on
-  for (const Case& c : cases) {
+  LogRecorder log;
+  listener::ListenerSettings settings = testing::loopbackListener(30);
+  settings.fstrm.dataFrameMaxSize = 300;
+  testing::RunningListener running(settings);
+  testing::Sender bystander(running.target(), true);  // receiver 0, idle throughout
+  for (uint32_t id = 1; id <= cases.size(); ++id) {
+    const Case& c = cases[id - 1];
     SCOPED_TRACE(c.name);
-    LogRecorder log;
-    ReceiverSettings settings = shortTimeouts();
-    settings.fstrm.dataFrameMaxSize = 300;
-    Connection connection(settings);
-    const uint16_t port = connection.pair.client->localPort();
-    connection.receiver->start();
-    connection.pair.client->send(c.input.data(), c.input.size());
-    if (c.hangUp) connection.pair.client->close();
-    ASSERT_TRUE(waitUntil([&] { return connection.finished.calls.load() == 1; }));
+    net::Socket sender(id, net::testing::loopbackSettings(running.target().port));
+    sender.connect();
+    const uint16_t port = sender.localPort();
+    sender.send(c.input.data(), c.input.size());
+    if (c.hangUp) sender.close();
+    const std::string prefix = "Receiver[" + std::to_string(id) + "]";
+    ASSERT_TRUE(
+        waitUntil([&] { return log.contains("I Listener[0]: " + prefix + " Is finished"); }));
+    EXPECT_EQ(c.hangUp ? "" : readToEnd(sender), c.replies);
     // The port is shown as the socket address holds it, in network byte order.
-    EXPECT_TRUE(log.contains("I Receiver[0]: Handling connection from 127.0.0.1:" +
+    EXPECT_TRUE(log.contains("I " + prefix + ": Handling connection from 127.0.0.1:" +
                              std::to_string(static_cast<uint16_t>((port >> 8) | (port << 8)))));
-    uint64_t bytes = 0;
-    for (const std::string& event : c.events) bytes += event.size() + 4;
-    EXPECT_EQ(connection.receiver->eventsReceived(), c.events.size());
-    EXPECT_EQ(connection.receiver->bytesReceived(), bytes);
-    if (!c.hangUp) {
-      EXPECT_EQ(connection.replies(), c.replies);
-    }
-    EXPECT_EQ(drain(connection.queue), c.events);
-    if (c.failure.empty()) {
-      EXPECT_EQ(errorLines(log), std::vector<std::string>{});
-    } else {
-      EXPECT_TRUE(log.contains(connection.failureLine(c.failure))) << c.failure;
-    }
+    EXPECT_EQ(testing::drain(running.queue), c.events);
+    std::vector<std::string> expected;
+    if (!c.failure.empty())
+      expected.push_back("E " + prefix + ": Process loop failed: " + c.failure);
+    EXPECT_EQ(testing::linesStartingWith(log, "E " + prefix), expected);
   }
+  bystander.send("still served");
+  EXPECT_TRUE(waitUntil([&] { return running.queue.count() == 1; }));
+  EXPECT_EQ(running.listener.activeReceivers(), 1u);
 }
 
 TEST(ReceiverTest, GivesUpASilentSenderAfterKeepalivePlusOneTimeouts) {
-  struct Case {
-    uint32_t keepalive;
-    double minimumSeconds;
-  };
-  for (const Case& c : {Case{0, 0.9}, Case{2, 2.9}}) {
-    SCOPED_TRACE(c.keepalive);
-    LogRecorder log;
-    ReceiverSettings settings = shortTimeouts();
-    settings.socket.keepalive = c.keepalive;
-    Connection connection(settings);
-    const auto started = std::chrono::steady_clock::now();
-    connection.receiver->start();
-    const std::string start = controlFrame(kStart, true);
-    connection.pair.client->send(start.data(), start.size());
-    ASSERT_TRUE(waitUntil([&] { return connection.finished.calls.load() == 1; }));
-    const double elapsed =
-        std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-    EXPECT_GE(elapsed, c.minimumSeconds);
-    EXPECT_LT(elapsed, c.minimumSeconds + 2.5);
-    EXPECT_TRUE(log.contains(connection.failureLine("Connection timed out")));
-  }
-}
-
-TEST(ReceiverTest, StopEndsTheStreamWithoutTheCallback) {
   LogRecorder log;
-  ReceiverSettings settings = shortTimeouts();
-  settings.socket.readTimeout = 30;
-  Connection connection(settings);
-  connection.receiver->start();
+  testing::RunningListener running(testing::loopbackListener(1));  // 1 s read time-outs
+  const auto started = std::chrono::steady_clock::now();
+  net::Socket sender(1, running.target());
+  sender.connect();
   const std::string start = controlFrame(kStart, true);
-  connection.pair.client->send(start.data(), start.size());
-  ASSERT_TRUE(waitUntil([&] {
-    return log.contains("I Receiver[0]: Handling connection from 127.0.0.1:" +
-                        std::to_string(connection.receiver->peer().port));
-  }));
-  const auto stopped = std::chrono::steady_clock::now();
-  connection.receiver->stop();
-  connection.receiver->join();
-  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
-  EXPECT_EQ(connection.finished.calls.load(), 0);
-  EXPECT_TRUE(log.contains("I Receiver[0]: Finished process loop"));
+  sender.send(start.data(), start.size());
+  ASSERT_TRUE(waitUntil([&] { return running.listener.accepts() == 1; }));
+  ASSERT_TRUE(waitUntil([&] { return running.listener.activeReceivers() == 0; }));
+  const double elapsed =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
+  EXPECT_GE(elapsed, 1.9);
+  EXPECT_LT(elapsed, 2.8);
+  EXPECT_TRUE(log.contains("E Receiver[0]: Process loop failed: Connection timed out"));
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include "worker_test_support.h"
 
+#include <gtest/gtest.h>
+
+#include <regex>
 #include <thread>
-#include <vector>
 
 #include "encoding/dnstap_message.h"
 
@@ -9,37 +11,20 @@ namespace ns::worker::testing {
 
 namespace {
 
-void appendUint32(std::string& out, uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(value >> shift));
-}
-
-void appendUint16(std::string& out, uint16_t value) {
-  out.push_back(static_cast<char>(value >> 8));
-  out.push_back(static_cast<char>(value));
-}
-
-std::string queryWire(uint32_t number) {
-  std::string wire;
-  appendUint16(wire, static_cast<uint16_t>(number));  // id
-  appendUint16(wire, 0x0100);                         // RD
-  appendUint16(wire, 1);                              // one question
-  appendUint16(wire, 0);
-  appendUint16(wire, 0);
-  appendUint16(wire, 0);
-  for (const std::string& label :
-       {"e" + std::to_string(number), std::string("example"), std::string("com")}) {
-    wire.push_back(static_cast<char>(label.size()));
-    wire += label;
-  }
-  wire.push_back(0);
-  appendUint16(wire, 1);  // A
-  appendUint16(wire, 1);  // IN
-  return wire;
+std::string bigEndian32(uint32_t value) {
+  return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+          static_cast<char>(value >> 8), static_cast<char>(value)};
 }
 
 }  // namespace
 
 std::string clientQueryEvent(uint32_t number) {
+  const std::string label = "e" + std::to_string(number);
+  // Header: id, RD, one question. Then the name, type A, class IN.
+  std::string query = {
+      static_cast<char>(number >> 8), static_cast<char>(number), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  query +=
+      static_cast<char>(label.size()) + label + "\7example\3com" + std::string("\0\0\1\0\1", 5);
   encoding::dnstap::DnstapMessage record;
   record.identity = "worker-test";
   record.type = encoding::dnstap::kClientQuery;
@@ -51,49 +36,34 @@ std::string clientQueryEvent(uint32_t number) {
   record.response_port = 53;
   record.query_time_sec = 1700000000 + number;
   record.query_time_nsec = 1000;
-  record.query_message = queryWire(number);
+  record.query_message = query;
   std::string out;
   record.encode(out);
   return out;
 }
 
 int64_t eventNumberIn(const std::string& line) {
-  size_t at = 0;
-  while ((at = line.find(".example", at)) != std::string::npos) {
-    size_t begin = at;
-    while (begin > 0 && line[begin - 1] >= '0' && line[begin - 1] <= '9') --begin;
-    if (begin < at && begin > 0 && line[begin - 1] == 'e')
-      return std::stoll(line.substr(begin, at - begin));
-    at += 1;
-  }
-  return -1;
+  static const std::regex kNumber("e([0-9]+)\\.example");
+  std::smatch match;
+  return std::regex_search(line, match, kNumber) ? std::stoll(match[1]) : -1;
 }
 
 std::string controlFrame(uint32_t type, bool withContentType) {
-  static const std::string kContentType = "protobuf:dnstap.Dnstap";
-  std::string body;
-  appendUint32(body, type);
+  const std::string kContentType = "protobuf:dnstap.Dnstap";
+  std::string body = bigEndian32(type);
   if (withContentType) {
-    appendUint32(body, 1);
-    appendUint32(body, static_cast<uint32_t>(kContentType.size()));
-    body += kContentType;
+    body += bigEndian32(1) + bigEndian32(static_cast<uint32_t>(kContentType.size())) + kContentType;
   }
-  std::string frame;
-  appendUint32(frame, 0);
-  appendUint32(frame, static_cast<uint32_t>(body.size()));
-  return frame + body;
+  return bigEndian32(0) + bigEndian32(static_cast<uint32_t>(body.size())) + body;
 }
 
 std::string dataFrame(const std::string& payload) {
-  std::string frame;
-  appendUint32(frame, static_cast<uint32_t>(payload.size()));
-  return frame + payload;
+  return bigEndian32(static_cast<uint32_t>(payload.size())) + payload;
 }
 
 std::vector<std::string> drain(event::queue::EventQueue& queue) {
   std::vector<std::string> events;
-  while (queue.count() > 0) {
-    std::string event;
+  for (std::string event; queue.count() > 0; event.clear()) {
     queue.pop(event);
     events.push_back(event);
   }
@@ -107,6 +77,53 @@ bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
+}
+
+std::vector<std::string> linesStartingWith(const net::testing::LogRecorder& log,
+                                           const std::string& prefix) {
+  std::vector<std::string> found;
+  for (const std::string& line : log.lines()) {
+    if (line.rfind(prefix, 0) == 0) found.push_back(line);
+  }
+  return found;
+}
+
+listener::ListenerSettings loopbackListener(uint32_t keepalive) {
+  listener::ListenerSettings settings = listener::parse("ipv4 127.0.0.1 1 read-timeout=1");
+  settings.socket.port = 0;
+  settings.socket.keepalive = keepalive;
+  return settings;
+}
+
+RunningListener::RunningListener(const listener::ListenerSettings& settings)
+    : queue(event::queue::QueueOptions{1 << 22, false, ""}), listener(0, settings, queue) {
+  listener.start();
+  EXPECT_TRUE(settings.socket.unix || waitUntil([&] { return listener.boundPort() != 0; }));
+}
+
+RunningListener::~RunningListener() {
+  listener.stop();
+  listener.join();
+}
+
+net::SocketSettings RunningListener::target() const {
+  net::SocketSettings settings = listener.settings().socket;
+  settings.port = listener.boundPort();
+  return settings;
+}
+
+Sender::Sender(const net::SocketSettings& settings, bool bidirectional)
+    : socket(7, settings), tls(7, net::tls::TlsSettings{}, socket) {
+  net::fstrm::FstrmSettings fstrmSettings;
+  fstrmSettings.bidirectional = bidirectional;
+  socket.connect();
+  fstrm = std::make_unique<net::fstrm::FstrmSocket>(7, fstrmSettings, socket, tls);
+  fstrm->open();
+}
+
+void Sender::send(const std::string& payload) {
+  const std::string frame = dataFrame(payload);
+  fstrm->writeBytes(frame.data(), static_cast<uint32_t>(frame.size()));
 }
 
 }  // namespace ns::worker::testing
