@@ -3,6 +3,16 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#ifndef _WIN32
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#endif
 
 namespace ns::net::testing {
 
@@ -16,29 +26,20 @@ class NetworkEnvironment : public ::testing::Environment {
 
 const auto* const environment = ::testing::AddGlobalTestEnvironment(new NetworkEnvironment);
 
-const char* levelName(log::Level level) {
-  switch (level) {
-    case log::Level::kError:
-      return "E ";
-    case log::Level::kWarning:
-      return "W ";
-    case log::Level::kInformation:
-      return "I ";
-  }
-  return "? ";
-}
-
 }  // namespace
 
 SocketSettings loopbackSettings(uint16_t port) {
   SocketSettings settings;
   settings.unix = false;
-  settings.host = "127.0.0.1";
   settings.port = port;
-  settings.connectTimeout = 2;
-  settings.readTimeout = 2;
-  settings.writeTimeout = 2;
+  settings.connectTimeout = settings.readTimeout = settings.writeTimeout = 2;
   return settings;
+}
+
+uint16_t unusedPort() {
+  Socket probe(1, loopbackSettings());
+  probe.listen();
+  return probe.localPort();
 }
 
 std::unique_ptr<Socket> acceptOne(Socket& listener) {
@@ -47,6 +48,32 @@ std::unique_ptr<Socket> acceptOne(Socket& listener) {
     listener.wait(true, 1);
   }
   throw SocketError("test: nothing to accept");
+}
+
+void connectWithRetry(Socket& socket) {
+  for (int attempt = 0;; ++attempt) {
+    try {
+      return socket.connect();
+    } catch (const SocketError&) {
+      socket.close();
+      if (attempt == 50) throw;
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+  }
+}
+
+std::string errorOf(const std::function<void()>& action) {
+  try {
+    action();
+  } catch (const std::exception& e) {
+    return e.what();
+  }
+  return "(no error)";
+}
+
+std::string be32(uint32_t value) {
+  return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
+          static_cast<char>(value >> 8), static_cast<char>(value)};
 }
 
 LoopbackPair::LoopbackPair(const SocketSettings& settings) {
@@ -60,8 +87,9 @@ LoopbackPair::LoopbackPair(const SocketSettings& settings) {
 }
 
 bool LogRecorder::write(log::Level level, const std::string& message) {
+  static const char* const kPrefixes[] = {"E ", "I ", "W "};  // in the order of log::Level
   std::lock_guard<std::mutex> lock(mutex_);
-  lines_.push_back(levelName(level) + message);
+  lines_.push_back(kPrefixes[static_cast<int>(level)] + message);
   return true;
 }
 
@@ -74,5 +102,53 @@ bool LogRecorder::contains(const std::string& line) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
 }
+
+bool LogRecorder::containsPrefix(const std::string& prefix) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return std::any_of(lines_.begin(), lines_.end(),
+                     [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
+}
+
+#ifndef _WIN32
+ChildProcess::ChildProcess(const std::string& command, const std::string& logFile) {
+  const std::string line = "exec " + command + " >" + logFile + " 2>&1";
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
+    ::_exit(127);
+  }
+  if (pid_ < 0) throw std::runtime_error("fork failed");
+}
+
+int ChildProcess::waitExit(int seconds) {
+  for (int tick = 0; pid_ >= 0 && tick < seconds * 50; ++tick) {
+    int status = 0;
+    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
+      pid_ = -1;
+      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+  return -1;
+}
+
+void ChildProcess::stop() {
+  if (pid_ < 0) return;
+  ::kill(pid_, SIGTERM);
+  ::waitpid(pid_, nullptr, 0);
+  pid_ = -1;
+}
+
+std::string makeTempDirectory(const std::string& tag) {
+  std::string pattern = "/tmp/vantrelo-" + tag + "-XXXXXX";
+  if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+  return pattern;
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+#endif
 
 }  // namespace ns::net::testing

@@ -1,6 +1,8 @@
-// Helpers shared by the networking tests: loopback connection pairs and a log recorder.
+// Helpers shared by the networking tests: loopback connections, a log recorder and, on POSIX,
+// child processes for the command-line peers.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -13,20 +15,25 @@ namespace ns::net::testing {
 
 // Settings for a TCP socket on 127.0.0.1 with short time-outs.
 SocketSettings loopbackSettings(uint16_t port = 0);
-
-// A listening socket on an ephemeral loopback port with one connected client and the accepted
-// server side.
-struct LoopbackPair {
-  explicit LoopbackPair(const SocketSettings& settings = loopbackSettings());
-  std::unique_ptr<Socket> listener;
-  std::unique_ptr<Socket> client;
-  std::unique_ptr<Socket> server;
-};
-
+// A loopback port nobody listens on: that of a listener just closed.
+uint16_t unusedPort();
 // Waits up to a few seconds for a pending connection and accepts it.
 std::unique_ptr<Socket> acceptOne(Socket& listener);
+// Connects to a peer that may still be starting, retrying for about five seconds.
+void connectWithRetry(Socket& socket);
+// The text of what `action` throws, or "(no error)".
+std::string errorOf(const std::function<void()>& action);
+// A 32-bit big-endian number, as Frame Streams lengths travel.
+std::string be32(uint32_t value);
 
-// Records every log line while it is installed.
+// A listener on an ephemeral loopback port (or at the Unix path), a connected client and the
+// accepted server side.
+struct LoopbackPair {
+  explicit LoopbackPair(const SocketSettings& settings = loopbackSettings());
+  std::unique_ptr<Socket> listener, client, server;
+};
+
+// Records every log line, prefixed "E ", "W " or "I ", while it is installed.
 class LogRecorder : public log::SystemLog {
  public:
   LogRecorder() { log::setSystemLog(this); }
@@ -34,10 +41,33 @@ class LogRecorder : public log::SystemLog {
   bool write(log::Level level, const std::string& message) override;
   std::vector<std::string> lines() const;
   bool contains(const std::string& line) const;
+  // Whether some line starts with `prefix`.
+  bool containsPrefix(const std::string& prefix) const;
 
  private:
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
 };
+
+#ifndef _WIN32
+// A command run through /bin/sh with its output in `logFile`; ended with SIGTERM and reaped when
+// the object goes away.
+class ChildProcess {
+ public:
+  ChildProcess(const std::string& command, const std::string& logFile);
+  ~ChildProcess() { stop(); }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  // Waits up to `seconds` for the process to end by itself; returns its exit status or -1.
+  int waitExit(int seconds);
+  void stop();
+
+ private:
+  int pid_ = -1;
+};
+
+std::string makeTempDirectory(const std::string& tag);
+std::string readFile(const std::string& path);
+#endif
 
 }  // namespace ns::net::testing

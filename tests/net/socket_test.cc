@@ -3,10 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <vector>
 
@@ -22,264 +20,165 @@
 namespace ns::net {
 namespace {
 
-using testing::LogRecorder;
-using testing::LoopbackPair;
-using testing::loopbackSettings;
+using namespace testing;
 using Clock = std::chrono::steady_clock;
 
-std::string errorOf(const std::function<void()>& action) {
-  try {
-    action();
-  } catch (const SocketError& e) {
-    return e.what();
-  }
-  return "(no error)";
+double secondsSince(Clock::time_point start) {
+  return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-uint16_t unusedPort() {
-  Socket probe(1, loopbackSettings(0));
-  probe.listen();
-  return probe.localPort();
-}
-
-TEST(SocketTest, ConnectFailuresCarryTheirMessages) {
-  const uint16_t closedPort = unusedPort();
-  struct Case {
-    const char* name;
+TEST(SocketTest, ConnectAndListenOutcomes) {
+  Socket open(1, loopbackSettings());
+  open.listen();
+  const uint16_t closed = unusedPort();
+  const struct {
     std::string host;
-    bool ipv6;
-    std::string expectedPrefix;
+    bool ipv6, listen, refused;
+    std::string error;    // prefix; "(no error)" for success
+    std::string logLine;  // prefix of a line that must be logged, if any
+  } cases[] = {
+      {"127.0.0.1", false, false, true, "connect() failed: ", ""},
+      {"127.0.0.1", true, false, true, "Parse IPv6 address failed: ", ""},
+      {"no-such-host.invalid", false, false, true,
+       "getaddrinfo(no-such-host.invalid/A) failed: ", ""},
+      // A name is resolved and every address tried; each refusal is a warning.
+      {"localhost", false, false, true, "Failed to connect to any host",
+       "W Socket[7]: Connect to 127.0.0.1:" + std::to_string(closed) +
+           " failed: connect() failed: "},
+      // The log shows the address connected to, without the port.
+      {"localhost", false, false, false, "(no error)", "I Socket[7]: Connected to 127.0.0.1"},
+      // A listener needs an address literal of its family.
+      {"localhost", false, true, false, "Parse IPv4 address failed: ", ""},
+      {"::1", false, true, false, "Parse IPv4 address failed: ", ""},
   };
-  const std::vector<Case> cases = {
-      {"refused literal", "127.0.0.1", false, "connect() failed: "},
-      {"IPv4 literal with ipv6 set", "127.0.0.1", true, "Parse IPv6 address failed: "},
-      {"unresolvable name", "no-such-host.invalid", false,
-       "getaddrinfo(no-such-host.invalid/A) failed: "},
-  };
-  for (const Case& c : cases) {
-    SocketSettings settings = loopbackSettings(closedPort);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.host + " " + c.error);
+    SocketSettings settings = loopbackSettings(c.refused ? closed : open.localPort());
     settings.host = c.host;
     settings.ipv6 = c.ipv6;
-    Socket socket(3, settings);
-    std::string message = errorOf([&] { socket.connect(); });
-    EXPECT_EQ(message.rfind(c.expectedPrefix, 0), 0u) << c.name << ": " << message;
-    EXPECT_EQ(message.find("timed out"), std::string::npos) << c.name;
+    LogRecorder log;
+    Socket socket(7, settings);
+    const std::string error = errorOf([&] { c.listen ? socket.listen() : socket.connect(); });
+    EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
+    EXPECT_EQ(error.find("timed out"), std::string::npos);
+    EXPECT_TRUE(c.error != "(no error)" || socket.isOpen());
+    EXPECT_TRUE(c.logLine.empty() || log.containsPrefix(c.logLine)) << log.lines().size();
   }
-}
-
-TEST(SocketTest, ResolvedNameConnectsAndLogsAddressWithoutPort) {
-  Socket listener(1, loopbackSettings(0));
-  listener.listen();
-  SocketSettings settings = loopbackSettings(listener.localPort());
-  settings.host = "localhost";
-  LogRecorder log;
-  Socket client(7, settings);
-  client.connect();
-  EXPECT_TRUE(client.isOpen());
-  EXPECT_TRUE(log.contains("I Socket[7]: Connected to 127.0.0.1")) << log.lines().size();
-}
-
-TEST(SocketTest, ResolvedAddressesThatRefuseAreLoggedThenAllFail) {
-  // Whatever addresses "localhost" has, nothing listens on this port: each one is tried,
-  // warned about, and the attempt ends with the summary error.
-  const uint16_t port = unusedPort();
-  SocketSettings settings = loopbackSettings(port);
-  settings.host = "localhost";
-  LogRecorder log;
-  Socket client(8, settings);
-  EXPECT_EQ(errorOf([&] { client.connect(); }), "Failed to connect to any host");
-  EXPECT_FALSE(client.isOpen());
-  const std::string warning =
-      "W Socket[8]: Connect to 127.0.0.1:" + std::to_string(port) + " failed: connect() failed: ";
-  bool found = false;
-  for (const std::string& line : log.lines()) found |= line.rfind(warning, 0) == 0;
-  EXPECT_TRUE(found);
 }
 
 TEST(SocketTest, ConnectTimesOutWhenTheListenQueueIsFull) {
 #ifdef _WIN32
   GTEST_SKIP() << "Windows refuses connections beyond the backlog instead of ignoring them";
-#else
-  SocketSettings listenSettings = loopbackSettings(0);
-  listenSettings.listenBacklog = 0;
-  Socket listener(1, listenSettings);
-  listener.listen();
-  SocketSettings settings = loopbackSettings(listener.localPort());
-  settings.connectTimeout = 1;
-  // Fill the accept queue; once full, further connection requests go unanswered.
-  std::vector<std::unique_ptr<Socket> > fillers;
-  std::string message;
-  for (int i = 0; i < 8 && message.empty(); ++i) {
-    auto socket = std::make_unique<Socket>(10 + i, settings);
-    try {
-      socket->connect();
-      fillers.push_back(std::move(socket));
-    } catch (const SocketError& e) {
-      message = e.what();
-    }
-  }
-  EXPECT_EQ(message, "connect() failed: wait() timed out");
 #endif
+  SocketSettings settings = loopbackSettings();
+  settings.listenBacklog = 0;
+  Socket listener(1, settings);
+  listener.listen();
+  settings.port = listener.localPort();
+  settings.connectTimeout = 1;
+  // Once the accept queue is full, further connection requests go unanswered.
+  std::vector<std::unique_ptr<Socket>> fillers;
+  std::string error = "(no error)";
+  for (int i = 0; i < 8 && error == "(no error)"; ++i) {
+    fillers.push_back(std::make_unique<Socket>(10 + i, settings));
+    error = errorOf([&] { fillers.back()->connect(); });
+  }
+  EXPECT_EQ(error, "connect() failed: wait() timed out");
 }
 
-TEST(SocketTest, ReadTimeOutsCountWholeSeconds) {
-  struct Case {
+TEST(SocketTest, TimeOutsCountWholeSeconds) {
+  const struct {
+    bool write;
     uint32_t seconds;
-    double minimum;
-    double maximum;
-  };
-  for (const Case& c : std::vector<Case>{{0, 0.0, 0.5}, {1, 0.9, 2.5}}) {
+    double minimum, maximum;
+  } cases[] = {{false, 0, 0.0, 0.5}, {false, 1, 0.9, 2.5}, {true, 1, 0.9, 3.5}};
+  for (const auto& c : cases) {
     SocketSettings settings = loopbackSettings();
-    settings.readTimeout = c.seconds;
+    settings.readTimeout = settings.writeTimeout = c.seconds;
+    settings.sendBufferSize = settings.recvBufferSize = 4096;
     LoopbackPair pair(settings);
-    char byte;
-    auto start = Clock::now();
-    EXPECT_EQ(errorOf([&] { pair.server->recv(&byte, 1); }), "recv() failed: wait() timed out");
-    double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
-    EXPECT_GE(elapsed, c.minimum) << c.seconds;
-    EXPECT_LE(elapsed, c.maximum) << c.seconds;
+    std::vector<char> data(c.write ? 16 << 20 : 1, 'x');  // far more than the buffers take
+    const auto start = Clock::now();
+    EXPECT_EQ(errorOf([&] {
+                c.write ? pair.client->send(data.data(), data.size())
+                        : (void)pair.server->recv(data.data(), 1);
+              }),
+              c.write ? "send() failed: wait() timed out" : "recv() failed: wait() timed out");
+    EXPECT_GE(secondsSince(start), c.minimum) << c.seconds;
+    EXPECT_LE(secondsSince(start), c.maximum) << c.seconds;
   }
 }
 
-TEST(SocketTest, WriteTimesOutWhenThePeerDoesNotRead) {
-  SocketSettings settings = loopbackSettings();
-  settings.writeTimeout = 1;
-  settings.sendBufferSize = 4096;
-  settings.recvBufferSize = 4096;
-  LoopbackPair pair(settings);
-  std::vector<char> data(16 * 1024 * 1024, 'x');
-  EXPECT_EQ(errorOf([&] { pair.client->send(data.data(), data.size()); }),
-            "send() failed: wait() timed out");
-}
-
-TEST(SocketTest, DataAndPeerCloseArriveInOrder) {
+TEST(SocketTest, AcceptDataPeerAddressAndClose) {
   LoopbackPair pair;
-  pair.client->send("", 0);  // nothing to send, nothing sent
+  EXPECT_EQ(pair.server->id(), 0u);  // accepted connections are numbered from 0
+  const auto start = Clock::now();
+  EXPECT_EQ(pair.listener->accept(), nullptr);
+  EXPECT_LT(secondsSince(start), 0.5);
+  const PeerAddress atServer = pair.server->peer();
+  EXPECT_FALSE(atServer.unix || atServer.ipv6);
+  EXPECT_EQ(atServer.host, "127.0.0.1");
+  EXPECT_EQ(atServer.port, htons(pair.client->localPort()));  // in network byte order
+  EXPECT_EQ(pair.client->peer().port, htons(pair.listener->localPort()));
+  pair.client->send("", 0);
   pair.client->send("hello", 5);
   std::string received;
-  while (received.size() < 5) {
-    char buffer[16];
+  for (char buffer[16]; received.size() < 5;) {
     received.append(buffer, pair.server->recv(buffer, sizeof buffer));
   }
   EXPECT_EQ(received, "hello");
   EXPECT_EQ(pair.server->bytesAvailable(), 0u);
   pair.client->close();
   pair.client->close();  // closing twice is harmless
-  char byte;
-  EXPECT_EQ(errorOf([&] { pair.server->recv(&byte, 1); }), "recv() failed: socket closed");
-  Socket closed(9, loopbackSettings());
-  EXPECT_EQ(closed.bytesAvailable(), 0u);
-}
-
-TEST(SocketTest, AcceptReturnsNullWithoutWaitingAndNumbersConnections) {
-  LoopbackPair pair;
-  EXPECT_EQ(pair.server->id(), 0u);
-  auto start = Clock::now();
-  EXPECT_EQ(pair.listener->accept(), nullptr);
-  EXPECT_LT(std::chrono::duration<double>(Clock::now() - start).count(), 0.5);
+  EXPECT_EQ(pair.client->bytesAvailable(), 0u);
+  EXPECT_EQ(errorOf([&] { pair.server->recv(received.data(), 1); }),
+            "recv() failed: socket closed");
   Socket second(201, pair.client->settings());
   second.connect();
-  EXPECT_EQ(testing::acceptOne(*pair.listener)->id(), 1u);
+  EXPECT_EQ(acceptOne(*pair.listener)->id(), 1u);
 }
 
-TEST(SocketTest, PeerReportsNumericHostAndPortInNetworkOrder) {
-  LoopbackPair pair;
-  PeerAddress atServer = pair.server->peer();
-  EXPECT_FALSE(atServer.unix);
-  EXPECT_FALSE(atServer.ipv6);
-  EXPECT_EQ(atServer.host, "127.0.0.1");
-  EXPECT_EQ(atServer.port, htons(pair.client->localPort()));
-  PeerAddress atClient = pair.client->peer();
-  EXPECT_EQ(atClient.port, htons(pair.listener->localPort()));
-}
-
-TEST(SocketTest, ListenNeedsAnAddressLiteral) {
-  struct Case {
-    std::string host;
-    bool ipv6;
-    std::string expectedPrefix;
-  };
-  for (const Case& c : std::vector<Case>{{"localhost", false, "Parse IPv4 address failed: "},
-                                         {"localhost", true, "Parse IPv6 address failed: "},
-                                         {"::1", false, "Parse IPv4 address failed: "}}) {
-    SocketSettings settings = loopbackSettings();
-    settings.host = c.host;
-    settings.ipv6 = c.ipv6;
-    Socket socket(1, settings);
-    std::string message = errorOf([&] { socket.listen(); });
-    EXPECT_EQ(message.rfind(c.expectedPrefix, 0), 0u) << c.host << ": " << message;
+TEST(SocketTest, UnixSocketsReportCredentialsAndOwnTheirFile) {
+  SocketSettings settings = loopbackSettings();
+  settings.unix = true;
+  settings.path = (std::filesystem::temp_directory_path() /
+                   ("vantrelo-net-" +
+                    std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + ".sock"))
+                      .string();
+  std::filesystem::remove(settings.path);
+  {
+    Socket probe(1, settings);  // older Windows and wine lack Unix-domain sockets
+    if (errorOf([&] { probe.listen(); }).rfind("socket() failed", 0) == 0) GTEST_SKIP();
   }
-}
-
-class UnixSocketTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    path_ = (std::filesystem::temp_directory_path() /
-             ("vantrelo-net-" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
-              "-" + ::testing::UnitTest::GetInstance()->current_test_info()->name() + ".sock"))
-                .string();
-    std::filesystem::remove(path_);
-    settings_ = loopbackSettings();
-    settings_.unix = true;
-    settings_.path = path_;
-  }
-  void TearDown() override { std::filesystem::remove(path_); }
-
-  // Some systems (older Windows, wine) lack Unix-domain sockets.
-  bool supported() {
-    Socket probe(1, settings_);
-    try {
-      probe.listen();
-      return true;
-    } catch (const SocketError& e) {
-      return std::string(e.what()).rfind("socket() failed", 0) != 0;
-    }
-  }
-
-  std::string path_;
-  SocketSettings settings_;
-};
-
-TEST_F(UnixSocketTest, ConnectsReportsCredentialsAndRemovesItsFile) {
-  if (!supported()) GTEST_SKIP() << "no Unix-domain sockets here";
   LogRecorder log;
   {
-    LoopbackPair pair(settings_);
-    EXPECT_TRUE(log.contains("I Socket[100]: Listening on " + path_));
-    EXPECT_TRUE(log.contains("I Socket[200]: Connected to " + path_));
-    PeerAddress peer = pair.server->peer();
+    LoopbackPair pair(settings);
+    EXPECT_TRUE(log.contains("I Socket[100]: Listening on " + settings.path));
+    EXPECT_TRUE(log.contains("I Socket[200]: Connected to " + settings.path));
+    const PeerAddress peer = pair.server->peer();
     EXPECT_TRUE(peer.unix);
 #ifndef _WIN32
     EXPECT_EQ(peer.uid, static_cast<uint32_t>(::getuid()));
     EXPECT_EQ(peer.gid, static_cast<uint32_t>(::getgid()));
     EXPECT_EQ(peer.pid, static_cast<uint32_t>(::getpid()));
 #endif
-    pair.client->send("ab", 2);
-    char buffer[2];
-    size_t got = pair.server->recv(buffer, 2);
-    if (got == 1) got += pair.server->recv(buffer + 1, 1);
-    EXPECT_EQ(std::string(buffer, 2), "ab");
-    EXPECT_TRUE(std::filesystem::exists(path_));
+    pair.client->send("a", 1);
+    char byte = 0;
+    EXPECT_EQ(pair.server->recv(&byte, 1), 1u);
+    EXPECT_EQ(byte, 'a');
+    // A second listener takes over the path of the first.
+    Socket second(2, settings);
+    second.listen();
+    Socket client(3, settings);
+    client.connect();
+    EXPECT_NE(acceptOne(second), nullptr);
   }
-  EXPECT_FALSE(std::filesystem::exists(path_));
-}
-
-TEST_F(UnixSocketTest, ReplacesAStaleSocketButNeverARegularFile) {
-  if (!supported()) GTEST_SKIP() << "no Unix-domain sockets here";
-  Socket first(1, settings_);
-  first.listen();
-  Socket second(2, settings_);
-  second.listen();  // takes over the path of the first
-  Socket client(3, settings_);
-  client.connect();
-  EXPECT_NE(testing::acceptOne(second), nullptr);
-
-  second.close();
-  first.close();
-  { std::ofstream(path_) << "not a socket"; }
-  Socket third(4, settings_);
+  EXPECT_FALSE(std::filesystem::exists(settings.path));  // removed by its listener's close
+  std::ofstream(settings.path) << "not a socket";
+  Socket third(4, settings);
   EXPECT_EQ(errorOf([&] { third.listen(); }).rfind("bind() failed: ", 0), 0u);
-  EXPECT_TRUE(std::filesystem::is_regular_file(path_));
+  EXPECT_TRUE(std::filesystem::is_regular_file(settings.path));
+  std::filesystem::remove(settings.path);
 }
 
 }  // namespace
