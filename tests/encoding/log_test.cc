@@ -3,49 +3,43 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace ns::log {
 namespace {
 
-class RecordingLog : public SystemLog {
- public:
-  explicit RecordingLog(bool accept) : accept_(accept) {}
+struct RecordingLog : SystemLog {
   bool write(Level level, const std::string& message) override {
-    entries.emplace_back(level, message);
-    return accept_;
+    entries += level == Level::kError ? "E:" : level == Level::kWarning ? "W:" : "I:";
+    entries += message + ";";
+    return accept;
   }
-  std::vector<std::pair<Level, std::string>> entries;
-
- private:
-  bool accept_;
+  bool accept = true;
+  std::string entries;
 };
 
-TEST(LogTest, ConsoleLinesCarryTheLevelPrefixOnTheirStream) {
-  testing::internal::CaptureStdout();
-  testing::internal::CaptureStderr();
-  info("Started");
-  warning("");
-  error("Run failed: x");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[INFO] Started\n[WARN] \n");
-  EXPECT_EQ(testing::internal::GetCapturedStderr(), "[ERROR] Run failed: x\n");
-}
-
-TEST(LogTest, SystemLogTakesEntriesAndFailedWritesFallBackToTheConsole) {
-  RecordingLog accepting(true);
-  setSystemLog(&accepting);
-  testing::internal::CaptureStdout();
-  info("to the system log");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
-  ASSERT_EQ(accepting.entries.size(), 1u);
-  EXPECT_EQ(accepting.entries[0].first, Level::kInformation);
-
-  RecordingLog refusing(false);
-  setSystemLog(&refusing);
-  testing::internal::CaptureStdout();
-  warning("kept anyway");
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[WARN] kept anyway\n");
+// Each call goes to an installed system log; without one, or when its write fails, it becomes a
+// console line with the level's prefix on the level's stream.
+TEST(LogTest, SystemLogOrConsoleLines) {
+  const std::string kOut = "[INFO] Started\n[WARN] \n", kErr = "[ERROR] Run failed: x\n";
+  struct Case {
+    int backend;  // 0: none, 1: accepting, 2: refusing
+    std::string entries, out, err;
+  } const cases[] = {{0, "", kOut, kErr},
+                     {1, "I:Started;W:;E:Run failed: x;", "", ""},
+                     {2, "I:Started;W:;E:Run failed: x;", kOut, kErr}};
+  for (const Case& c : cases) {
+    RecordingLog backend;
+    backend.accept = c.backend == 1;
+    setSystemLog(c.backend == 0 ? nullptr : &backend);
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    info("Started");
+    warning("");
+    error("Run failed: x");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), c.out);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), c.err);
+    EXPECT_EQ(backend.entries, c.entries);
+  }
   setSystemLog(nullptr);
 }
 

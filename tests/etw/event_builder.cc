@@ -69,14 +69,4 @@ SyntheticEvent buildEvent(uint16_t eventId, uint32_t version, const EventValues&
   return event;
 }
 
-SyntheticEvent singleProperty(uint16_t inType, uint16_t length, const std::string& bytes) {
-  SyntheticEvent event;
-  event.id = 256;
-  event.count = 1;
-  event.properties.push_back({inType, length});
-  event.offsets.push_back(0);
-  event.data = bytes;
-  return event;
-}
-
 }  // namespace ns::etw::testing

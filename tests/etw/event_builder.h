@@ -34,15 +34,12 @@ struct EventValues {
   std::string server = "192.0.2.53";
   std::string client = "198.51.100.7";
   uint32_t port = 53000;
-  std::string message = std::string("\x12\x34\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00", 12);
-  int64_t time = 0;  // 100-nanosecond intervals since 1601
+  std::string message = "\x12\x34\x81";  // the DNS message is not looked into
+  int64_t time = 0;                      // 100-nanosecond intervals since 1601
 };
 
 // Event `eventId` as the provider raises it on `windowsVersion` (one of kWindows2012R2 ...).
 SyntheticEvent buildEvent(uint16_t eventId, uint32_t windowsVersion,
                           const EventValues& values = {});
-
-// An event of one property, for the property readers.
-SyntheticEvent singleProperty(uint16_t inType, uint16_t length, const std::string& bytes);
 
 }  // namespace ns::etw::testing
