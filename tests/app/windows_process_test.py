@@ -89,12 +89,7 @@ class ConsoleStartTest(unittest.TestCase):
 
 
 def varint(value):
-    out = bytearray()
-    while value >= 0x80:
-        out.append((value & 0x7F) | 0x80)
-        value >>= 7
-    out.append(value)
-    return bytes(out)
+    return bytes([value & 0x7F | 0x80]) + varint(value >> 7) if value >= 0x80 else bytes([value])
 
 
 def field(number, value):

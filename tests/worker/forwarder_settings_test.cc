@@ -46,52 +46,38 @@ TEST(ForwarderSettingsTest, RecoveryAndCertificateModes) {
     bool returnCurrent, returnPrevious, certificate, automatic;
   };
   const Case cases[] = {
-      {"", true, false, false, false},
-      {"recovery=drop", false, false, false, false},
+      // clang-format off
+      {"", true, false, false, false}, {"recovery=drop", false, false, false, false},
       {"recovery=best-effort", true, false, false, false},
       {"recovery=durable", true, true, false, false},
       {"tls-client-certificate=manual", true, false, true, false},
-      {"tls-client-certificate=auto", true, false, true, true},
-  };
-  for (const Case& c : cases) {
-    const ForwarderSettings s = parse(std::string("ipv4 127.0.0.1 1 ") + c.option);
-    EXPECT_EQ(std::make_tuple(s.returnCurrent, s.returnPrevious, s.tls.client_certificate,
-                              s.tls.client_certificate_auto),
-              std::make_tuple(c.returnCurrent, c.returnPrevious, c.certificate, c.automatic))
-        << c.option;
-  }
-}
-
-TEST(ForwarderSettingsTest, Errors) {
-  struct Case {
-    const char* value;
-    const char* message;
-  };
-  const Case cases[] = {
-      // clang-format off
-      {"etw", "Invalid protocol"}, {"unix /tmp/s", "Invalid protocol"}, {"ipv4", "Invalid host"},
-      {"ipv4 h 65536", "Invalid port"}, {"ipv4 h port", "Invalid port"},
+      {"tls-client-certificate=auto", true, false, true, true}, }; for (const Case& c : cases) {
+      const ForwarderSettings s = parse(std::string("ipv4 127.0.0.1 1 ") + c.option);
+      EXPECT_EQ(std::make_tuple(s.returnCurrent, s.returnPrevious, s.tls.client_certificate,
+      s.tls.client_certificate_auto),
+      std::make_tuple(c.returnCurrent, c.returnPrevious, c.certificate, c.automatic)) << c.option; }
+      }  TEST(ForwarderSettingsTest, Errors) { struct Case { const char* value; const char* message;
+      }; const Case cases[] = { {"etw", "Invalid protocol"}, {"unix /tmp/s", "Invalid protocol"},
+      {"ipv4", "Invalid host"}, {"ipv4 h 65536", "Invalid port"}, {"ipv4 h port", "Invalid port"},
       {"ipv4 h 1 batch-size", "Invalid parameter 'batch-size'"},
       {"ipv4 h 1 keepalive=5", "Unknown parameter 'keepalive'"},
       {"ipv4 h 1 max-connections=5", "Unknown parameter 'max-connections'"},
       {"ipv4 h 1 fstrm-data-frame-max-size=5", "Unknown parameter 'fstrm-data-frame-max-size'"},
       {"ipv4 h 1 tls-server-name=x", "Unknown parameter 'tls-server-name'"},
-      {"ipv4 h 1 connect-timeout=0", "Invalid connect-timeout option"},
-      {"ipv4 h 1 connect-timeout=121", "Invalid connect-timeout option"},
-      {"ipv4 h 1 read-timeout=200", "Invalid read-timeout option"},
-      {"ipv4 h 1 write-timeout=-3", "Invalid write-timeout option"},
-      {"ipv4 h 1 send-buffer-size=0", "Invalid send-buffer-size option"},
-      {"ipv4 h 1 recv-buffer-size=no", "Invalid recv-buffer-size option"},
-      {"ipv4 h 1 batch-size=0", "Invalid batch-size option"},
-      {"ipv4 h 1 recovery=Durable", "Invalid recovery option"},
-      {"ipv4 h 1 fstrm-mode=both", "Invalid fstrm-mode option"},
-      {"ipv4 h 1 fstrm-control-frame-max-size=0", "Invalid fstrm-control-frame-max-size option"},
-      {"ipv4 h 1 tls=yes", "Invalid tls option"},
-      {"ipv4 h 1 tls-validate=1", "Invalid tls-validate option"},
-      {"ipv4 h 1 tls-client-certificate=off", "Invalid tls-client-certificate option"},
       // clang-format on
   };
   for (const Case& c : cases) EXPECT_EQ(parseError(c.value), c.message) << c.value;
+  // A value out of range or not understood names its option.
+  for (const std::string value :
+       {"ipv4 h 1 connect-timeout=0", "ipv4 h 1 connect-timeout=121", "ipv4 h 1 read-timeout=200",
+        "ipv4 h 1 write-timeout=-3", "ipv4 h 1 send-buffer-size=0", "ipv4 h 1 recv-buffer-size=no",
+        "ipv4 h 1 batch-size=0", "ipv4 h 1 recovery=Durable", "ipv4 h 1 fstrm-mode=both",
+        "ipv4 h 1 fstrm-control-frame-max-size=0", "ipv4 h 1 tls=yes", "ipv4 h 1 tls-validate=1",
+        "ipv4 h 1 tls-client-certificate=off"}) {
+    const std::string option = value.substr(value.rfind(' ') + 1);
+    EXPECT_EQ(parseError(value), "Invalid " + option.substr(0, option.find('=')) + " option")
+        << value;
+  }
 }
 
 }  // namespace

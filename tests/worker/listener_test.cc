@@ -47,27 +47,36 @@ TEST(ListenerTest, RelaysFramesFromBothKindsOfSender) {
   }
 }
 
-TEST(ListenerTest, RefusesConnectionsBeyondTheLimitByClosing) {
+// A stop ends the receivers still connected, promptly.
+TEST(ListenerTest, RefusesConnectionsBeyondTheLimitByClosingAndStopsPromptly) {
+  LogRecorder log;
   ListenerSettings settings = loopbackListener();
   settings.socket.maxConnections = 2;
-  RunningListener running(settings);
-  Sender first(running.target(), true);
-  Sender second(running.target(), false);
-  ASSERT_TRUE(waitUntil([&] { return running.listener.activeReceivers() == 2; }));
-  net::Socket third(9, running.target());
+  auto running = std::make_unique<RunningListener>(settings);
+  Listener& listener = running->listener;
+  Sender first(running->target(), true), second(running->target(), false);
+  ASSERT_TRUE(waitUntil([&] { return listener.activeReceivers() == 2; }));
+  net::Socket third(9, running->target());
   third.connect();
   char byte = 0;
   // Closed without a word: the first read sees the end of the stream (or a reset).
   EXPECT_THROW(third.recv(&byte, 1), net::SocketError);
-  EXPECT_EQ(running.listener.accepts(), 2u);
-
+  EXPECT_EQ(listener.accepts(), 2u);
   // A place freed by a finished sender is given to the next one.
   first.fstrm->close();
   first.socket.close();
-  ASSERT_TRUE(waitUntil([&] { return running.listener.activeReceivers() == 1; }));
-  Sender fourth(running.target(), false);
-  EXPECT_TRUE(waitUntil([&] { return running.listener.accepts() == 3; }));
-  EXPECT_EQ(running.listener.peakReceivers(), 2u);
+  ASSERT_TRUE(waitUntil([&] { return listener.activeReceivers() == 1; }));
+  Sender fourth(running->target(), false);
+  EXPECT_TRUE(
+      waitUntil([&] { return listener.accepts() == 3 && listener.activeReceivers() == 2; }));
+  EXPECT_EQ(listener.peakReceivers(), 2u);
+  const auto stopped = std::chrono::steady_clock::now();
+  running.reset();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
+  EXPECT_TRUE(log.contains("I Receiver[3]: Finished process loop"));
+  // A receiver told to stop does not report itself finished to a listener tearing it down.
+  EXPECT_FALSE(log.contains("I Listener[0]: Receiver[3] Is finished"));
+  EXPECT_TRUE(log.contains("I Listener[0]: Finished process loop"));
 }
 
 TEST(ListenerTest, ShortConnectionsLeaveNothingBehind) {
@@ -92,20 +101,6 @@ TEST(ListenerTest, ShortConnectionsLeaveNothingBehind) {
     EXPECT_TRUE(waitUntil([&] { return testing::threadCount() == threadsBefore; }))
         << testing::threadCount() << " threads, " << threadsBefore << " before";
   }
-}
-
-TEST(ListenerTest, StopEndsReceiversStillConnected) {
-  LogRecorder log;
-  auto running = std::make_unique<RunningListener>(loopbackListener());
-  Sender sender(running->target(), true);
-  ASSERT_TRUE(waitUntil([&] { return running->listener.activeReceivers() == 1; }));
-  const auto stopped = std::chrono::steady_clock::now();
-  running.reset();
-  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
-  EXPECT_TRUE(log.contains("I Receiver[0]: Finished process loop"));
-  // A receiver told to stop does not report itself finished to a listener tearing it down.
-  EXPECT_FALSE(log.contains("I Listener[0]: Receiver[0] Is finished"));
-  EXPECT_TRUE(log.contains("I Listener[0]: Finished process loop"));
 }
 
 TEST(ListenerTest, UnixSocketPeersAreReportedByIdentity) {
@@ -137,19 +132,6 @@ TEST(ListenerTest, UnixSocketPeersAreReportedByIdentity) {
   EXPECT_TRUE(
       log.contains("I Receiver[0]: Handling connection from uid=" + std::to_string(own.uid) +
                    " gid=" + std::to_string(own.gid) + " pid=" + std::to_string(own.pid)));
-}
-
-TEST(ListenerTest, EtwListenerRunsItsSessionUntilStopped) {
-  LogRecorder log;
-  ListenerSettings settings = parse("etw");
-  settings.etwSettings.windowsVersion = 3;
-  event::queue::EventQueue queue(event::queue::QueueOptions{4096, false, ""});
-  Listener listener(2, settings, queue);
-  listener.start();
-  ASSERT_TRUE(waitUntil([&] { return log.contains("I Listener[2]: Starting ETW session"); }));
-  listener.stop();
-  listener.join();
-  EXPECT_TRUE(log.contains("I Listener[2]: Finished process loop"));
 }
 
 }  // namespace

@@ -2,21 +2,14 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <cctype>
 #include <thread>
 
 #include "encoding/dnstap_message.h"
 
 namespace ns::worker::testing {
 
-namespace {
-
-std::string bigEndian32(uint32_t value) {
-  return {static_cast<char>(value >> 24), static_cast<char>(value >> 16),
-          static_cast<char>(value >> 8), static_cast<char>(value)};
-}
-
-}  // namespace
+using net::testing::be32;
 
 std::string clientQueryEvent(uint32_t number) {
   const std::string label = "e" + std::to_string(number);
@@ -25,17 +18,16 @@ std::string clientQueryEvent(uint32_t number) {
       static_cast<char>(number >> 8), static_cast<char>(number), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
   query +=
       static_cast<char>(label.size()) + label + "\7example\3com" + std::string("\0\0\1\0\1", 5);
-  encoding::dnstap::DnstapMessage record;
-  record.identity = "worker-test";
-  record.type = encoding::dnstap::kClientQuery;
-  record.socket_family = encoding::dnstap::kFamilyInet;
-  record.socket_protocol = encoding::dnstap::kProtocolUdp;
+  namespace dnstap = encoding::dnstap;
+  dnstap::DnstapMessage record;
+  record.type = dnstap::kClientQuery;
+  record.socket_family = dnstap::kFamilyInet;
+  record.socket_protocol = dnstap::kProtocolUdp;
   record.query_address = std::string("\xC0\x00\x02\x07", 4);
   record.response_address = std::string("\xC0\x00\x02\x35", 4);
-  record.query_port = 40000 + number % 20000;
+  record.query_port = 40000;
   record.response_port = 53;
-  record.query_time_sec = 1700000000 + number;
-  record.query_time_nsec = 1000;
+  record.query_time_sec = 1700000000;
   record.query_message = query;
   std::string out;
   record.encode(out);
@@ -43,22 +35,24 @@ std::string clientQueryEvent(uint32_t number) {
 }
 
 int64_t eventNumberIn(const std::string& line) {
-  static const std::regex kNumber("e([0-9]+)\\.example");
-  std::smatch match;
-  return std::regex_search(line, match, kNumber) ? std::stoll(match[1]) : -1;
+  const size_t end = line.find(".example");
+  size_t begin = end;
+  while (begin != std::string::npos && begin > 0 && std::isdigit(line[begin - 1])) --begin;
+  const bool found = begin != end && begin > 0 && line[begin - 1] == 'e';
+  return found ? std::stoll(line.substr(begin, end - begin)) : -1;
 }
 
 std::string controlFrame(uint32_t type, bool withContentType) {
   const std::string kContentType = "protobuf:dnstap.Dnstap";
-  std::string body = bigEndian32(type);
+  std::string body = be32(type);
   if (withContentType) {
-    body += bigEndian32(1) + bigEndian32(static_cast<uint32_t>(kContentType.size())) + kContentType;
+    body += be32(1) + be32(static_cast<uint32_t>(kContentType.size())) + kContentType;
   }
-  return bigEndian32(0) + bigEndian32(static_cast<uint32_t>(body.size())) + body;
+  return be32(0) + be32(static_cast<uint32_t>(body.size())) + body;
 }
 
 std::string dataFrame(const std::string& payload) {
-  return bigEndian32(static_cast<uint32_t>(payload.size())) + payload;
+  return be32(static_cast<uint32_t>(payload.size())) + payload;
 }
 
 std::vector<std::string> drain(event::queue::EventQueue& queue) {
