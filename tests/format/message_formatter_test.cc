@@ -6,15 +6,18 @@
 #include <string>
 #include <vector>
 
-#include "format/metrics_report.h"
 #include "wire_builder.h"
 
 namespace ns::format {
+
+std::vector<std::string>& testing::jsonLines() {
+  static std::vector<std::string> lines;
+  return lines;
+}
+
 namespace {
 
 using encoding::dnstap::DnstapMessage;
-using testing::kNsec;
-using testing::kSec;
 using testing::makeRecord;
 using testing::Wire;
 
@@ -38,15 +41,12 @@ MessageSettings settingsFor(MessageFormat format, bool extended = false, uint8_t
 
 std::string queryWire(const std::string& qname = "example.com", uint16_t id = 1,
                       uint16_t flags = 0x0100, uint16_t type = kA, uint16_t klass = kIn) {
-  return Wire().header(id, flags, 1, 0, 0, 0).question(qname, type, klass).bytes();
+  return Wire().header(id, flags, 1, 0, 0, 0).name(qname).u16(type).u16(klass).bytes();
 }
 
-const std::string kClientResponse = Wire()
-                                        .header(0x1234, 0x8180, 1, 1, 0, 0)
-                                        .question("host.example.com", kA, kIn)
-                                        .u16(0xC00C)
-                                        .rr(kA, kIn, 300, std::string("\xC0\x00\x02\x50", 4))
-                                        .bytes();
+const std::string kClientResponse =
+    Wire().header(0x1234, 0x8180, 1, 1, 0, 0).name("host.example.com").u16(kA).u16(kIn).bytes() +
+    Wire().u16(0xC00C).rr(kA, kIn, 300, std::string("\xC0\x00\x02\x50", 4)).bytes();
 
 struct GoldenCase {
   DnstapMessage record;
@@ -66,20 +66,13 @@ std::vector<GoldenCase> goldenCases() {
       "errors: Read DNS message failed: No question RRs 0 is not 1: client 192.0.2.7#53124: "
       "server : packet \\# 12 000184000000000000000000\n";
   // QR, TC, AD and NXDOMAIN; AA clear. The OPT record is left out of the additional section.
-  const std::string full = Wire()
-                               .header(0xBEEF, 0x8223, 1, 2, 1, 2)
-                               .question("a/b\"c\\d.example.com", kA, kIn)
-                               .u16(0xC00C)
-                               .rr(kCname, kIn, 60, Wire().name("target.example.net").bytes())
-                               .name("target.example.net")
-                               .rr(kA, kIn, 30, std::string("\x0A\x01\x02\x03", 4))
-                               .name("example.net")
-                               .rr(kNs, kIn, 3600, Wire().name("ns1.example.net").bytes())
-                               .name("ns1.example.net")
-                               .rr(kAaaa, kIn, 3600, testing::ipBytes("2001:db8::53"))
-                               .name("")
-                               .rr(kOpt, 1232, 0, "")
-                               .bytes();
+  Wire full;
+  full.header(0xBEEF, 0x8223, 1, 2, 1, 2).name("a/b\"c\\d.example.com").u16(kA).u16(kIn);
+  full.u16(0xC00C).rr(kCname, kIn, 60, Wire().name("target.example.net").bytes());
+  full.name("target.example.net").rr(kA, kIn, 30, std::string("\x0A\x01\x02\x03", 4));
+  full.name("example.net").rr(kNs, kIn, 3600, Wire().name("ns1.example.net").bytes());
+  full.name("ns1.example.net").rr(kAaaa, kIn, 3600, testing::ipBytes("2001:db8::53"));
+  full.name("").rr(kOpt, 1232, 0, "");
   return {
       {makeRecord(5, 1, 1, "192.0.2.7", "192.0.2.53", 53124, queryWire("host.example.com", 0x1234)),
        "queries: client 192.0.2.7#53124: query: host.example.com. IN A + (192.0.2.53)\n",
@@ -134,7 +127,7 @@ std::vector<GoldenCase> goldenCases() {
        R"("error","data":{"client":"192.0.2.7","server":"","port":53124,"size":12,)"
        R"("packet":"000184000000000000000000",)"
        R"("text":"Read DNS message failed: No question RRs 0 is not 1"}})"},
-      {makeRecord(8, 1, 2, "10.0.0.1", "10.0.0.2", 4444, full),
+      {makeRecord(8, 1, 2, "10.0.0.1", "10.0.0.2", 4444, full.bytes()),
        R"(queries: forwarder 10.0.0.1#4444: response: a/b\"c\\d.example.com. IN A -T (10.0.0.2) )"
        R"(NXDOMAIN; a/b\"c\\d.example.com. 60 IN CNAME target.example.net.; target.example.net. )"
        "30 IN A 10.1.2.3\n",
@@ -157,18 +150,12 @@ std::vector<GoldenCase> goldenCases() {
   };
 }
 
-// Collects every JSON text the tests produce, for the strict parser run after this program.
-std::vector<std::string>& jsonLines() {
-  static std::vector<std::string> lines;
-  return lines;
-}
-
 std::string formatRecord(const MessageSettings& settings, const DnstapMessage& record) {
   MessageView view;
   EXPECT_TRUE(make_view(record, view));
   std::string out;
   EXPECT_TRUE(MessageFormatter(settings).format(view, out));
-  if (settings.format == MessageFormat::kJson) jsonLines().push_back(out.substr(0, out.size() - 1));
+  if (settings.format == MessageFormat::kJson) testing::jsonLines().push_back(out);
   return out;
 }
 
@@ -182,7 +169,9 @@ bool formatEncoded(MessageFormatter& formatter, DnstapMessage record, DnstapMess
 }
 
 TEST(MessageFormatterTest, GoldenQueryLogLinesAndJsonObjects) {
-  for (const GoldenCase& c : goldenCases()) {
+  const std::vector<GoldenCase> cases = goldenCases();
+  std::string expected;
+  for (const GoldenCase& c : cases) {
     SCOPED_TRACE(c.standard);
     for (uint8_t style : {0, 1}) {
       const std::string& header = style == 0 ? kRfc5424 : kRfc3164;
@@ -191,17 +180,13 @@ TEST(MessageFormatterTest, GoldenQueryLogLinesAndJsonObjects) {
       EXPECT_EQ(formatRecord(settingsFor(MessageFormat::kQuerylog, true, style), c.record),
                 header + c.extended);
     }
-    EXPECT_EQ(formatRecord(settingsFor(MessageFormat::kJson), c.record),
-              kJsonStart + c.json + "\n");
+    const std::string json = kJsonStart + c.json + "\n";
+    EXPECT_EQ(formatRecord(settingsFor(MessageFormat::kJson), c.record), json);
+    expected += json;
   }
-}
-
-TEST(MessageFormatterTest, OneFormatterReusedForABatchGivesTheSameLines) {
+  // One formatter reused for a batch, the big message first and the small ones after it, so
+  // left-over records would show.
   const MessageSettings settings = settingsFor(MessageFormat::kJson);
-  const std::vector<GoldenCase> cases = goldenCases();
-  std::string expected;
-  for (const GoldenCase& c : cases) expected += formatRecord(settings, c.record);
-  // Run the big message first and the small ones after it, so left-over records would show.
   MessageFormatter formatter(settings);
   DnstapMessage scratch;
   std::string batch;
@@ -226,8 +211,7 @@ TEST(MessageFormatterTest, SuffixSettingsAndNamesWithoutTrailingDot) {
 
   settings.suffix_enabled = settings.suffix_builtin = settings.suffix_config = false;
   settings.trailing_dot = false;
-  const DnstapMessage record =
-      makeRecord(6, 1, 2, "192.0.2.7", "192.0.2.53", 53124, kClientResponse);
+  const DnstapMessage record = goldenCases()[1].record;  // the client response
   EXPECT_EQ(formatRecord(settings, record),
             kRfc5424 +
                 "queries: client 192.0.2.7#53124 %4660: response: host.example.com [] IN A +T "
@@ -259,17 +243,18 @@ TEST(MessageFormatterTest, StreamProtocolsAreMarkedWithT) {
 }
 
 TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
-  DnstapMessage emptyQuery = makeRecord(5, 1, 1, "192.0.2.7", "", 1, "");
-  emptyQuery.response_message = queryWire();  // the other direction's message does not count
-  for (const DnstapMessage& record : {makeRecord(0, 1, 1, "192.0.2.7", "", 1, queryWire()),
-                                      makeRecord(13, 1, 1, "192.0.2.7", "", 1, queryWire()),
-                                      makeRecord(14, 1, 1, "192.0.2.7", "", 1, queryWire()),
-                                      emptyQuery, makeRecord(6, 1, 1, "192.0.2.7", "", 1, "")}) {
+  // Types outside 1..12, and records without the message of their direction: the other
+  // direction's message does not count.
+  for (const auto& [type, wire] : std::vector<std::pair<uint64_t, std::string>>{
+           {0, queryWire()}, {13, queryWire()}, {14, queryWire()}, {5, ""}, {6, ""}}) {
+    DnstapMessage record = makeRecord(type, 1, 1, "192.0.2.7", "", 1, wire);
+    ((type & 1) != 0 ? record.response_message : record.query_message) = queryWire();
     MessageView view;
-    EXPECT_FALSE(make_view(record, view)) << record.type;
+    EXPECT_FALSE(make_view(record, view)) << type;
   }
 
-  const auto valid = [](uint64_t type, uint64_t sec = kSec, uint32_t nsec = kNsec) {
+  const auto valid = [](uint64_t type, uint64_t sec = testing::kSec,
+                        uint32_t nsec = testing::kNsec) {
     return makeRecord(type, 1, 1, "192.0.2.7", "192.0.2.53", 1, queryWire(), sec, nsec);
   };
   DnstapMessage badQueryAddress = valid(5), badBothAddresses = valid(5);
@@ -278,9 +263,9 @@ TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
   const std::vector<std::pair<DnstapMessage, std::string>> failures = {
       {valid(5, 0, 0), "Expected message query_time_sec not to be 0 but got 0"},
       {valid(6, 0, 0), "Expected message response_time_sec not to be 0 but got 0"},
-      {valid(5, kSec, 1000000000),
+      {valid(5, testing::kSec, 1000000000),
        "Expected message query_time_nsec to be less than 1000000000 but got 1000000000"},
-      {valid(6, kSec, 4294967295u),
+      {valid(6, testing::kSec, 4294967295u),
        "Expected message response_time_nsec to be less than 1000000000 but got 4294967295"},
       {badQueryAddress, "Expected message query_address to be 0, 4 or 16 bytes but got 5"},
       {badBothAddresses, "Expected message response_address to be 0, 4 or 16 bytes but got 3"},
@@ -307,21 +292,16 @@ TEST(MessageFormatterTest, DnstapFormatSendsEachEventAsOneDataFrame) {
   const MessageSettings settings = settingsFor(MessageFormat::kDnstap);
   MessageFormatter formatter(settings);
   DnstapMessage record = makeRecord(6, 1, 2, "192.0.2.7", "192.0.2.53", 53124, kClientResponse);
-  std::string encoded;
+  std::string encoded, out = "x";
   DnstapMessage(record).encode(encoded);
-  ASSERT_LT(encoded.size(), 256u);
-  const std::string frame = std::string("\0\0\0", 3) + static_cast<char>(encoded.size()) + encoded;
-  std::string out = "x";
+  const std::string frame = std::string(3, '\0') + static_cast<char>(encoded.size()) + encoded;
   DnstapMessage scratch;
   ASSERT_TRUE(formatEncoded(formatter, record, scratch, out));
   ASSERT_TRUE(formatEncoded(formatter, record, scratch, out));
   EXPECT_EQ(out, "x" + frame + frame);
-
-  std::string big;
-  appendDnstapFrame(big, nullptr, 0);  // an empty event is one empty frame
-  EXPECT_EQ(big, std::string(4, '\0'));
+  // A length past 16 bits fills every byte of the big-endian prefix.
   const std::string payload(0x010203, 'p');
-  big.clear();
+  std::string big;
   appendDnstapFrame(big, reinterpret_cast<const uint8_t*>(payload.data()),
                     static_cast<uint32_t>(payload.size()));
   EXPECT_EQ(big, std::string("\x00\x01\x02\x03", 4) + payload);
@@ -336,19 +316,6 @@ TEST(MessageFormatterTest, DnstapFormatSendsEachEventAsOneDataFrame) {
   EXPECT_TRUE(out.empty());
 }
 
-TEST(MessageFormatterTest, MetricsJsonGoesToTheStrictParserToo) {
-  MetricsSnapshot snapshot;
-  snapshot.forwarders.resize(1);
-  snapshot.forwarders[0].host = "a/\"b\\\t";
-  snapshot.listeners.resize(1);
-  snapshot.listeners[0].is_unix = true;
-  snapshot.listeners[0].path = "/run/x.sock";
-  snapshot.listeners[0].receivers.resize(2);
-  std::string json;
-  formatReport(snapshot, true, json);
-  jsonLines().push_back(json);
-}
-
 // Writes the collected JSON texts, one a line, for the strict parser that ctest runs next.
 class JsonLinesWriter : public ::testing::Environment {
  public:
@@ -356,7 +323,7 @@ class JsonLinesWriter : public ::testing::Environment {
 #ifdef VANTRELO_JSON_LINES
     std::ofstream file(VANTRELO_JSON_LINES, std::ios::binary | std::ios::trunc);
     ASSERT_TRUE(file) << VANTRELO_JSON_LINES;
-    for (const std::string& line : jsonLines()) file << line << '\n';
+    for (const std::string& line : testing::jsonLines()) file << line;
 #endif
   }
 };

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "encoding/dnstap_message.h"
 #include "encoding/ip.h"
@@ -14,7 +15,6 @@ class Wire {
  public:
   Wire& u8(uint8_t v) { return raw(std::string(1, static_cast<char>(v))); }
   Wire& u16(uint16_t v) { return u8(v >> 8).u8(v & 0xFF); }
-  Wire& u32(uint32_t v) { return u16(v >> 16).u16(v & 0xFFFF); }
   Wire& raw(const std::string& data) {
     bytes_ += data;
     return *this;
@@ -30,12 +30,10 @@ class Wire {
     }
     return u8(0);
   }
-  Wire& question(const std::string& qname, uint16_t type, uint16_t klass) {
-    return name(qname).u16(type).u16(klass);
-  }
   // Record fields after the owner name.
   Wire& rr(uint16_t type, uint16_t klass, uint32_t ttl, const std::string& rdata) {
-    return u16(type).u16(klass).u32(ttl).u16(static_cast<uint16_t>(rdata.size())).raw(rdata);
+    u16(type).u16(klass).u16(ttl >> 16).u16(ttl & 0xFFFF).u16(static_cast<uint16_t>(rdata.size()));
+    return raw(rdata);
   }
   const std::string& bytes() const { return bytes_; }
 
@@ -72,5 +70,9 @@ inline encoding::dnstap::DnstapMessage makeRecord(uint64_t type, uint64_t family
   ((type & 1) != 0 ? r.query_message : r.response_message) = wire;
   return r;
 }
+
+// Every JSON text the tests produce, each ending in a line feed, written to a file for the
+// strict parser that ctest runs after format_test.
+std::vector<std::string>& jsonLines();
 
 }  // namespace ns::format::testing

@@ -1,11 +1,6 @@
-"""A scriptable Frame Streams collector for the agent's forwarder: what no
-real collector does on cue, such as resetting the connection after a given
-number of frames or coming up late on a fixed port.
-
-FrameCollector serves connections one after another on a thread, as a single
-collector would, answering READY with ACCEPT and STOP with FINISH. It owns
-its listening socket and thread; the received frames are guarded by a lock.
-"""
+# A scriptable Frame Streams collector for the agent's forwarder: what no real
+# collector does on cue, such as resetting the connection after a given number
+# of frames or coming up late on a fixed port.
 
 import socket
 import struct
@@ -16,23 +11,20 @@ from harness import LOOPBACK, TIMEOUT, free_port, wait_until
 
 
 class FrameCollector:
+    # Serves connections one after another on a thread, as a single collector
+    # would, answering READY with ACCEPT and STOP with FINISH; drop_after
+    # resets the first connection once it has taken that many frames. Owns its
+    # socket and thread; the frames are guarded by a lock.
 
     def __init__(self, port=None, drop_after=None):
-        """drop_after: reset the first connection once that many frames were
-        taken from it; later connections are served in full."""
         self.address = (LOOPBACK, port or free_port())
         self.drop_after = drop_after
-        self.connections = 0
         self.handshakes = []  # the first control type of every connection
-        self._received = []
-        self._lock = threading.Lock()
+        self._received, self._lock = [], threading.Lock()
         self._stopping = False
 
     def __enter__(self):
-        self._server = socket.socket()
-        self._server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-        self._server.bind(self.address)
-        self._server.listen(8)
+        self._server = socket.create_server(self.address)
         self._server.settimeout(0.2)
         self._thread = threading.Thread(target=self._accept_loop, daemon=True)
         self._thread.start()
@@ -52,23 +44,26 @@ class FrameCollector:
                    "%d frames at the collector" % count, timeout)
         return self.received()
 
+    @property
+    def connections(self):
+        return len(self.handshakes)
+
     def _accept_loop(self):
         while not self._stopping:
             try:
                 conn, _ = self._server.accept()
             except socket.timeout:
                 continue
-            self.connections += 1
             conn.settimeout(0.2)
             with conn:
                 try:
-                    self._serve(conn, self.drop_after
-                                if self.connections == 1 else None)
+                    self._serve(conn, None if self.handshakes else
+                                self.drop_after)
                 except OSError:
                     pass
 
     def _serve(self, conn, limit):
-        buffer, bidirectional = bytearray(), False
+        buffer, handshake = bytearray(), None
         while not self._stopping:
             frame = dr.take_frame(buffer)
             if frame is None:
@@ -89,16 +84,13 @@ class FrameCollector:
                 with self._lock:
                     self._received.append(frame[1])
                 limit = None if limit is None else limit - 1
-            else:
-                control = dr.parse_control(frame[1])[0]
-                if control == dr.FSTRM_READY:
-                    bidirectional = True
+            elif handshake is None:
+                handshake = frame[0]
+                self.handshakes.append(handshake)
+                if handshake == dr.FSTRM_READY:
                     conn.sendall(dr.control_frame(dr.FSTRM_ACCEPT,
                                                   dr.CONTENT_TYPE))
-                if control in (dr.FSTRM_READY, dr.FSTRM_START) and \
-                        len(self.handshakes) < self.connections:
-                    self.handshakes.append(control)
-                if control == dr.FSTRM_STOP:
-                    if bidirectional:
-                        conn.sendall(dr.control_frame(dr.FSTRM_FINISH))
-                    return
+            elif frame[0] == dr.FSTRM_STOP:
+                if handshake == dr.FSTRM_READY:
+                    conn.sendall(dr.control_frame(dr.FSTRM_FINISH))
+                return

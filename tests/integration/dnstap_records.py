@@ -1,13 +1,13 @@
-"""A strict decoder of dnstap records and Frame Streams framing, written
-independently of the agent, so relayed records can be compared field by
-field with what a real DNS server or the load generator produced."""
+# A strict decoder of dnstap records and Frame Streams framing, written
+# independently of the agent, so relayed records can be compared field by field
+# with what a real DNS server or the load generator produced.
 
 import dataclasses
 import ipaddress
 import struct
 
 CONTENT_TYPE = b"protobuf:dnstap.Dnstap"
-FSTRM_ACCEPT, FSTRM_START, FSTRM_STOP, FSTRM_READY, FSTRM_FINISH = 1, 2, 3, 4, 5
+FSTRM_ACCEPT, FSTRM_START, FSTRM_STOP, FSTRM_READY, FSTRM_FINISH = range(1, 6)
 FSTRM_FIELD_CONTENT_TYPE = 1
 WT_VARINT, WT_FIXED64, WT_BYTES, WT_FIXED32 = 0, 1, 2, 5
 
@@ -17,7 +17,8 @@ MESSAGE_TYPES = ("AUTH_QUERY AUTH_RESPONSE RESOLVER_QUERY RESOLVER_RESPONSE "
                  "TOOL_RESPONSE").split()
 # Outer Dnstap fields (all bytes), then inner Message fields with their wire
 # types, each named as in the schema.
-_HEADER_FIELDS = {1: "identity", 2: "version", 3: "extra"}
+_HEADER_FIELDS = {1: ("identity", WT_BYTES), 2: ("version", WT_BYTES),
+                  3: ("extra", WT_BYTES)}
 _MESSAGE_FIELDS = {
     1: ("type", WT_VARINT), 2: ("socket_family", WT_VARINT),
     3: ("socket_protocol", WT_VARINT), 4: ("query_address", WT_BYTES),
@@ -35,18 +36,11 @@ class CodecError(ValueError):
 
 class _Record:
 
-    @property
-    def type_name(self):
-        return MESSAGE_TYPES[self.type - 1]
-
-    @property
-    def is_query(self):
-        return self.type % 2 == 1
-
-    @property
-    def wire(self):
-        """The DNS message the record is about."""
-        return self.query_message if self.is_query else self.response_message
+    type_name = property(lambda self: MESSAGE_TYPES[self.type - 1])
+    is_query = property(lambda self: self.type % 2 == 1)
+    # The DNS message the record is about.
+    wire = property(lambda self: self.query_message if self.is_query
+                    else self.response_message)
 
     def ip(self, side):
         raw = getattr(self, side + "_address")
@@ -55,21 +49,19 @@ class _Record:
 
 # One Dnstap frame carrying one Message; absent fields are 0 or b"".
 DnstapRecord = dataclasses.make_dataclass("DnstapRecord", [
-    (name, int, 0) if wire in (WT_VARINT, WT_FIXED32) else (name, bytes, b"")
-    for name, wire in [(name, WT_BYTES) for name in _HEADER_FIELDS.values()]
-    + list(_MESSAGE_FIELDS.values())], bases=(_Record,))
+    (name, bytes, b"") if wire == WT_BYTES else (name, int, 0) for name, wire
+    in list(_HEADER_FIELDS.values()) + list(_MESSAGE_FIELDS.values())],
+    bases=(_Record,))
 
 
 def _varint(data, offset):
     value = shift = 0
     while shift < 70:
-        if offset >= len(data):
-            raise CodecError("truncated varint")
-        value |= (data[offset] & 0x7F) << shift
-        offset += 1
-        if not data[offset - 1] & 0x80:
+        byte = data[offset]  # IndexError when truncated
+        value, offset, shift = value | (byte & 0x7F) << shift, offset + 1, \
+            shift + 7
+        if byte < 0x80:
             return value, offset
-        shift += 7
     raise CodecError("varint longer than 10 bytes")
 
 
@@ -81,40 +73,34 @@ def _fields(data):
         wire = tag & 7
         if wire == WT_VARINT:
             value, offset = _varint(data, offset)
-            yield tag >> 3, wire, value
-            continue
-        if wire == WT_BYTES:
-            size, offset = _varint(data, offset)
-        elif wire in (WT_FIXED64, WT_FIXED32):
-            size = 8 if wire == WT_FIXED64 else 4
         else:
-            raise CodecError("unsupported wire type %d" % wire)
-        if offset + size > len(data):
-            raise CodecError("truncated field %d" % (tag >> 3))
-        value = bytes(data[offset:offset + size])
-        offset += size
-        yield tag >> 3, wire, (value if wire == WT_BYTES else
-                               int.from_bytes(value, "little"))
+            size, offset = _varint(data, offset) if wire == WT_BYTES else \
+                ({WT_FIXED64: 8, WT_FIXED32: 4}[wire], offset)
+            value, offset = bytes(data[offset:offset + size]), offset + size
+            if offset > len(data):
+                raise CodecError("truncated field %d" % (tag >> 3))
+            if wire != WT_BYTES:
+                value = int.from_bytes(value, "little")
+        yield tag >> 3, wire, value
 
 
-def _set(record, name, wire, expected, value):
-    if wire != expected:
-        raise CodecError("field %s has wire type %d" % (name, wire))
-    setattr(record, name, value)
+def _decode_into(record, data, known):
+    for number, wire, value in _fields(data):
+        if number in known:
+            name, expected = known[number]
+            if wire != expected:
+                raise CodecError("field %s has wire type %d" % (name, wire))
+            setattr(record, name, value)
 
 
 def decode_dnstap(frame):
     record = DnstapRecord()
+    _decode_into(record, frame, _HEADER_FIELDS)
     for number, wire, value in _fields(frame):
-        if number in _HEADER_FIELDS:
-            _set(record, _HEADER_FIELDS[number], wire, WT_BYTES, value)
-        elif number == 15 and (wire, value) != (WT_VARINT, 1):
+        if number == 15 and (wire, value) != (WT_VARINT, 1):
             raise CodecError("Dnstap type is not MESSAGE")
-        elif number == 14:
-            for inner, inner_wire, inner_value in _fields(value):
-                if inner in _MESSAGE_FIELDS:
-                    name, expected = _MESSAGE_FIELDS[inner]
-                    _set(record, name, inner_wire, expected, inner_value)
+        if number == 14:
+            _decode_into(record, value, _MESSAGE_FIELDS)
     return record
 
 
@@ -131,23 +117,10 @@ def data_frame(payload):
     return struct.pack(">I", len(payload)) + payload
 
 
-def parse_control(body):
-    """(type, [content types]) of a control frame body."""
-    kind, offset, types = struct.unpack_from(">I", body)[0], 4, []
-    while offset < len(body):
-        field, size = struct.unpack_from(">II", body, offset)
-        if field == FSTRM_FIELD_CONTENT_TYPE:
-            types.append(body[offset + 8:offset + 8 + size])
-        offset += 8 + size
-    return kind, types
-
-
 def take_frame(buffer):
-    """Removes one complete frame from a bytearray: ("data", payload) or
-    ("control", body); None when more bytes are needed."""
-    if len(buffer) < 4:
-        return None
-    escape = struct.unpack_from(">I", buffer)[0] == 0
+    # Removes one complete frame from a bytearray: ("data", payload) or
+    # (control type, body); None when more bytes are needed.
+    escape = buffer[:4] == b"\0\0\0\0"
     start = 8 if escape else 4
     if len(buffer) < start:
         return None
@@ -156,7 +129,7 @@ def take_frame(buffer):
         return None
     body = bytes(buffer[start:end])
     del buffer[:end]
-    return ("control" if escape else "data"), body
+    return (struct.unpack_from(">I", body)[0] if escape else "data"), body
 
 
 def read_payloads(path):

@@ -1,5 +1,5 @@
-"""Processes for the end-to-end tests: peers, readiness read from /proc, and
-the agent. VANTRELO_KEEP_PEERS=1 keeps the peers' directories and logs."""
+# Processes for the end-to-end tests: peers, readiness read from /proc, and the
+# agent. VANTRELO_KEEP_PEERS=1 keeps the peers' directories and logs.
 
 import os
 import re
@@ -12,6 +12,8 @@ import tempfile
 import time
 import unittest
 
+import dnstap_records as dr
+
 LOOPBACK = "127.0.0.1"
 TIMEOUT = 15.0
 _SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(
@@ -23,7 +25,7 @@ class PeerError(RuntimeError):
 
 
 def free_port():
-    """A loopback port free for both TCP and UDP (the DNS servers need both)."""
+    """A loopback port free for TCP and UDP (the DNS servers need both)."""
     for _ in range(50):
         with socket.socket() as tcp, \
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
@@ -36,16 +38,14 @@ def free_port():
     raise PeerError("no free loopback port found")
 
 
-def tcp_listening(port):
-    """Whether an IPv4 socket listens on port (state 0A in /proc)."""
-    with open("/proc/net/tcp") as handle:
-        return any(f[1].endswith(":%04X" % port) and f[3] == "0A"
-                   for f in (line.split() for line in handle))
-
-
-def unix_listening(path):
-    with open("/proc/net/unix") as handle:
-        return any(len(f) > 7 and f[7] == path and int(f[3], 16) & 0x10000
+def listening(where):
+    # Whether an IPv4 socket listens on a port (int) or a Unix socket on a path
+    # (str), as /proc shows (TCP state 0A, Unix flag __SO_ACCEPTCON).
+    with open("/proc/net/" + ("tcp" if isinstance(where, int) else "unix")) \
+            as handle:
+        return any(f[1].endswith(":%04X" % where) and f[3] == "0A"
+                   if isinstance(where, int) else len(f) > 7 and
+                   f[7] == where and int(f[3], 16) & 0x10000
                    for f in (line.split() for line in handle))
 
 
@@ -55,21 +55,17 @@ def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
     while not predicate():
         if peer is not None and not peer.running():
             raise PeerError("%s exited (code %s) before %s:\n%s" % (
-                peer.name, peer.popen.poll(), what, peer.log_tail()))
+                peer.name, peer.popen.poll(), what, peer.log()[-3000:]))
         if time.monotonic() > deadline:
             raise PeerError("timed out after %.1f s waiting for %s\n%s" % (
-                timeout, what, peer.log_tail() if peer else ""))
+                timeout, what, peer.log()[-3000:] if peer else ""))
         time.sleep(interval)
 
 
 def run_tool(argv, timeout=30, check=True):
-    """Runs a short-lived tool to completion with a time limit."""
     argv = [str(arg) for arg in argv]
-    try:
-        done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True,
-                              capture_output=True, timeout=timeout)
-    except subprocess.TimeoutExpired as error:
-        raise PeerError("%s timed out" % argv[0]) from error
+    done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True,
+                          capture_output=True, timeout=timeout)
     if check and done.returncode != 0:
         raise PeerError("%s failed with code %d: %s%s" % (
             " ".join(argv), done.returncode, done.stdout, done.stderr))
@@ -77,10 +73,10 @@ def run_tool(argv, timeout=30, check=True):
 
 
 class Peer:
-    """A program in a temporary directory and a process group of its own, its
-    output in <name>.log. Entering starts it and waits until it is ready;
-    leaving stops the whole group (SIGKILL after a bounded wait, so nothing
-    outlives a failed test) and removes the directory. Not thread-safe."""
+    # A program in a temporary directory and a process group of its own, its
+    # output in <name>.log. Entering starts it and waits until it is ready;
+    # leaving stops the whole group (SIGKILL after a bounded wait, so nothing
+    # outlives a failed test) and removes the directory. Not thread-safe.
 
     name = "peer"
     popen = None
@@ -115,12 +111,17 @@ class Peer:
                 pass
         self.popen.wait()
 
-    def log(self):
-        with open(self.path(self.name + ".log"), errors="replace") as handle:
-            return handle.read()
+    def read(self, name):
+        """A file of the peer's directory as text, "" while it is missing."""
+        try:
+            with open(self.path(name), encoding="utf-8", errors="replace",
+                      newline="") as handle:
+                return handle.read()
+        except FileNotFoundError:
+            return ""
 
-    def log_tail(self):
-        return "\n".join(self.log().splitlines()[-30:])
+    def log(self):
+        return self.read(self.name + ".log")
 
     def __enter__(self):
         self.workdir = tempfile.mkdtemp(prefix="vt-%s-" % self.name)
@@ -163,6 +164,20 @@ def loadgen(*args):
         raise PeerError("unexpected load generator output: %r" % out)
 
 
+def send_file(tool, path, target):
+    # Sends a Frame Streams file with fstrm_replay (bidirectional) or the
+    # dnstap tool to a (host, port) or a Unix socket path.
+    require(tool)
+    if tool == "fstrm_replay":
+        where = ["-t", dr.CONTENT_TYPE.decode()] + (
+            ["-u", target] if isinstance(target, str) else
+            ["-a", target[0], "-p", target[1]])
+    else:
+        where = ["-U", target] if isinstance(target, str) else \
+            ["-T", "%s:%d" % target]
+    run_tool([tool, "-r", path] + where)
+
+
 def parse_metrics(line):
     """A "Metrics: " line as {group: [{key: value}]}; numbers become ints."""
     groups = {}
@@ -175,26 +190,25 @@ def parse_metrics(line):
 
 
 class Agent(Peer):
-    """`vantrelo run` on a configuration given as lines; start() waits until
-    it listens on every port (int) and Unix socket path (str) named.
-    Restartable in the same directory, so a second run loads the queue file
-    of the first. Not thread-safe."""
+    # `vantrelo run` on a configuration given as lines; start() waits until it
+    # listens on every port (int) and Unix socket path (str) named. Restartable
+    # in the same directory, so a second run loads the queue file of the first.
+    # Not thread-safe.
 
     name = "vantrelo"
 
     def __init__(self, config_lines, listening=()):
-        self.config_lines, self.listening = config_lines, listening
+        self.config_lines, self.ready_on = config_lines, listening
 
     def start(self):
         config = self.write("vantrelo.conf", "\n".join(self.config_lines))
         self.spawn([binary("VANTRELO_BIN", "src/app/vantrelo"), "run", config],
-                   lambda: all(tcp_listening(x) if isinstance(x, int) else
-                               unix_listening(x) for x in self.listening),
+                   lambda: all(map(listening, self.ready_on)),
                    "vantrelo listening")
 
     def stop(self):
-        """SIGTERM; the agent must end by itself with code 0 and log
-        "Stopped" for this run."""
+        # SIGTERM; the agent must end by itself with code 0 and log "Stopped"
+        # for this run.
         if not self.running():
             return
         stopped = self.log().count("[INFO] Stopped\n")
@@ -206,12 +220,11 @@ class Agent(Peer):
         super().stop()
         if code != 0 or self.log().count("[INFO] Stopped\n") != stopped + 1:
             raise PeerError("vantrelo ended with %s without logging Stopped:"
-                            "\n%s" % (code, self.log_tail()))
+                            "\n%s" % (code, self.log()[-3000:]))
 
     def wait_log(self, text, count=1):
         wait_until(lambda: self.log().count(text) >= count,
-                   "%d log line(s) with %r" % (count, text),
-                   peer=self)
+                   "%d log line(s) with %r" % (count, text), peer=self)
 
     def metrics(self):
         return [parse_metrics(line) for line in self.log().splitlines()
@@ -234,6 +247,39 @@ class Agent(Peer):
         """A per-interval counter summed over every metrics line."""
         return sum(fields.get(key, 0) for metrics in self.metrics()
                    for fields in metrics.get(group, []))
+
+
+class RelayTest(unittest.TestCase):
+    """A temporary directory and a free listener port for each test."""
+
+    def setUp(self):
+        self.directory = self.enterContext(
+            tempfile.TemporaryDirectory(prefix="vt-test-"))
+        self.port = free_port()
+
+    def generate(self, count, seed, *options):
+        """Load-generator events in a file: (path, payloads)."""
+        path = os.path.join(self.directory,
+                            "load-%d.fstrm" % len(os.listdir(self.directory)))
+        loadgen("--write", path, "--count", count, "--seed", seed, *options)
+        return path, dr.read_payloads(path)
+
+    def agent(self, forward_to, options="", *settings, listener="",
+              unix=None):
+        # The agent listening on self.port (and on the Unix socket unix),
+        # forwarding dnstap (unless settings name a message-format) to a (host,
+        # port) with the forwarder options, reporting every second.
+        lines = ["listener ipv4 %s %d %s" % (LOOPBACK, self.port, listener),
+                 "forwarder ipv4 %s %d %s" % (forward_to + (options,)),
+                 "metrics-interval 1"] + list(settings)
+        if not any(line.startswith("message-format ") for line in lines):
+            lines.append("message-format dnstap")
+        if unix:
+            lines.append("listener unix " + unix)
+        return Agent(lines, [self.port] + ([unix] if unix else []))
+
+    def replay(self, path):
+        send_file("fstrm_replay", path, (LOOPBACK, self.port))
 
 
 def main():

@@ -1,51 +1,26 @@
-"""Collector failures seen from the forwarder: a collector up late, one that
-drops mid-stream under each recovery mode, an agent restarted with events
-queued, and a queue that overflows (newest kept, drops counted)."""
+# Collector failures seen from the forwarder: a collector up late, one that
+# drops mid-stream under each recovery mode, an agent restarted with events
+# queued, and a queue that overflows (newest kept, drops counted).
 
-import collections
 import os
-import sys
-import tempfile
 import time
-import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-
-import collectors  # noqa: E402
-import dnstap_records as dr  # noqa: E402
-import harness  # noqa: E402
-import peers  # noqa: E402
+import collectors
+import harness
 
 RETRY_SECONDS = 10
-START_TIME = 1700000000
+START = ("--start-time", 1700000000)
 
 
-class CollectorFaults(unittest.TestCase):
+class CollectorFaults(harness.RelayTest):
 
     def setUp(self):
-        directory = tempfile.TemporaryDirectory(prefix="vt-cfaults-")
-        self.addCleanup(directory.cleanup)
-        self.directory = directory.name
-        self.port = harness.free_port()
+        super().setUp()
         self.collector_port = harness.free_port()
 
-    def generate(self, count, seed):
-        path = os.path.join(self.directory, "load-%d.fstrm" % seed)
-        harness.loadgen("--write", path, "--count", count, "--seed", seed,
-                        "--start-time", START_TIME)
-        return path, dr.read_payloads(path)
-
-    def agent(self, forwarder_options="", settings=()):
-        return harness.Agent([
-            "listener ipv4 127.0.0.1 %d" % self.port,
-            "forwarder ipv4 127.0.0.1 %d %s" % (self.collector_port,
-                                                forwarder_options),
-            "message-format dnstap", "metrics-interval 1"] + list(settings),
-            [self.port])
-
-    def replay(self, path):
-        harness.require("fstrm_replay")
-        peers.replay_fstrm(path, (harness.LOOPBACK, self.port))
+    def agent(self, options="", *settings):
+        return super().agent((harness.LOOPBACK, self.collector_port), options,
+                             *settings)
 
     def collector(self, drop_after=None):
         return collectors.FrameCollector(self.collector_port, drop_after)
@@ -67,26 +42,25 @@ class CollectorFaults(unittest.TestCase):
                     len(payloads), RETRY_SECONDS + 20), payloads)
 
     def test_recovery_modes_when_the_collector_drops(self):
-        """300 events at a slow rate to a collector that resets the first
-        connection after 45 frames: durable loses nothing, best-effort at
-        most the batch in flight, drop at most two batches."""
+        # 300 events at a slow rate to a collector that resets the first
+        # connection after 45 frames: durable loses nothing, best-effort at
+        # most the batch in flight, drop at most two batches.
         batch = 10
-        _, sent = self.generate(300, 3)
+        _, sent = self.generate(300, 3, *START)
         for mode, most_lost in (("durable", 0), ("best-effort", batch),
                                 ("drop", 2 * batch)):
             with self.subTest(mode=mode), self.collector(45) as collector, \
                     self.agent("batch-size=%d recovery=%s" %
                                (batch, mode)) as relay:
                 harness.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
-                                300, "--rate", 400, "--seed", 3,
-                                "--start-time", START_TIME)
+                                300, "--rate", 400, "--seed", 3, *START)
                 relay.wait_metrics(
                     lambda m: m["forwarder"][0]["connects"] >= 2 and
                     m["queue"][0]["eventsQueued"] == 0 and
                     m["forwarder"][0]["eventsSent"] >= 255,
                     "the stream to drain")
                 time.sleep(0.5)
-                got = collections.Counter(collector.received())
+                got = set(collector.received())
                 missing = [p for p in sent if p not in got]
                 log = relay.log()
                 self.assertLessEqual(len(missing), most_lost)
@@ -118,7 +92,7 @@ class CollectorFaults(unittest.TestCase):
     def test_overflow_keeps_the_newest_events(self):
         path, payloads = self.generate(1000, 41)
         # Room for about a tenth of the events: the oldest are overwritten.
-        with self.agent("", ["message-queue-size 16000"]) as relay:
+        with self.agent("", "message-queue-size 16000") as relay:
             self.replay(path)
             metrics = relay.wait_metrics(
                 lambda m: m["listener"][0]["accepts"] == 1 and

@@ -1,51 +1,39 @@
-"""Misbehaving senders against the listener: one connection too many, a
-stall, garbage, an oversized frame, a close mid-frame. Each bad connection
-ends alone with its own error line; a good sender loses nothing."""
+# Misbehaving senders against the listener: one connection too many, a stall,
+# garbage, an oversized frame, a close mid-frame. Each bad connection ends
+# alone with its own error line; a good sender loses nothing.
 
-import os
 import socket
 import struct
-import sys
-import tempfile
 import threading
 import time
-import unittest
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-
-import collectors  # noqa: E402
-import dnstap_records as dr  # noqa: E402
-import harness  # noqa: E402
+import collectors
+import dnstap_records as dr
+import harness
 
 FRAME_LIMIT = 1000
 
 
-class FstrmClient:
-    """A bidirectional Frame Streams sender written out step by step, so a
-    test can stop or break it anywhere. Owns its socket; not thread-safe."""
+class FstrmClient(socket.socket):
+    # A bidirectional Frame Streams sender written out step by step, so a test
+    # can stop or break it anywhere. Not thread-safe.
 
     def __init__(self, port):
-        self.sock = socket.create_connection((harness.LOOPBACK, port), 5)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *exc):
-        self.sock.close()
+        super().__init__()
+        self.settimeout(5)
+        self.connect((harness.LOOPBACK, port))
 
     def control(self, kind, reply=None):
         """Sends a control frame; with reply, expects that one back."""
-        self.sock.sendall(dr.control_frame(
+        self.sendall(dr.control_frame(
             kind, None if kind == dr.FSTRM_STOP else dr.CONTENT_TYPE))
-        buffer, frame = bytearray(), None
-        while reply is not None and frame is None:
-            chunk = self.sock.recv(4096)
+        buffer = bytearray()
+        while reply is not None and not (frame := dr.take_frame(buffer)):
+            chunk = self.recv(4096)
             if not chunk:
                 raise harness.PeerError("closed before control %d" % reply)
             buffer += chunk
-            frame = dr.take_frame(buffer)
-        if frame and (frame[0], dr.parse_control(frame[1])[0]) != (
-                "control", reply):
+        if reply is not None and frame[0] != reply:
             raise harness.PeerError("expected control %d: %r" % (reply, frame))
 
     def open(self):
@@ -53,34 +41,22 @@ class FstrmClient:
         self.control(dr.FSTRM_START)
 
     def send(self, payloads):
-        self.sock.sendall(b"".join(map(dr.data_frame, payloads)))
+        self.sendall(b"".join(map(dr.data_frame, payloads)))
 
-    def close(self):
+    def finish(self):
         self.control(dr.FSTRM_STOP, dr.FSTRM_FINISH)
 
 
-class SenderFaults(unittest.TestCase):
-
-    @classmethod
-    def setUpClass(cls):
-        with tempfile.TemporaryDirectory(prefix="vt-sfaults-") as directory:
-            path = os.path.join(directory, "load.fstrm")
-            harness.loadgen("--write", path, "--count", 200, "--seed", 7)
-            cls.payloads = dr.read_payloads(path)
+class SenderFaults(harness.RelayTest):
 
     def setUp(self):
-        self.port = harness.free_port()
+        super().setUp()
+        self.payloads = self.generate(200, 7)[1]
         self.collector = self.enterContext(collectors.FrameCollector())
-        self.relay = self.enterContext(harness.Agent([
-            "listener ipv4 127.0.0.1 %d max-connections=3 read-timeout=1 "
-            "keepalive=1 fstrm-data-frame-max-size=%d" % (self.port,
-                                                          FRAME_LIMIT),
-            "forwarder ipv4 %s %d batch-size=20" % self.collector.address,
-            "message-format dnstap", "metrics-interval 1"], [self.port]))
-
-    def receiver_errors(self):
-        return [line for line in self.relay.log().splitlines()
-                if "]: Process loop failed: " in line]
+        self.relay = self.enterContext(self.agent(
+            self.collector.address, "batch-size=20",
+            listener="max-connections=3 read-timeout=1 keepalive=1 "
+            "fstrm-data-frame-max-size=%d" % FRAME_LIMIT))
 
     def test_max_connections(self):
         senders = [self.enterContext(FstrmClient(self.port))
@@ -94,7 +70,7 @@ class SenderFaults(unittest.TestCase):
                 fourth.open()
         for index, sender in enumerate(senders):
             sender.send(self.payloads[index * 10:(index + 1) * 10])
-            sender.close()
+            sender.finish()
         self.assertCountEqual(self.collector.wait_count(30),
                               self.payloads[:30])
         metrics = self.relay.wait_metrics(
@@ -104,6 +80,7 @@ class SenderFaults(unittest.TestCase):
                           metrics["listener"][0]["peakReceivers"]), (3, 3))
 
     def test_bad_senders_end_alone(self):
+        """Bad senders while a good one streams: each fails alone."""
         stop = threading.Event()
 
         def stream():
@@ -113,34 +90,28 @@ class SenderFaults(unittest.TestCase):
                     sender.send(self.payloads[start:start + 10])
                     time.sleep(0.03)
                 stop.wait(harness.TIMEOUT)
-                sender.close()
+                sender.finish()
 
         streamer = threading.Thread(target=stream)
         streamer.start()
-        try:
-            self.bad_senders()
-        finally:
-            stop.set()
-            streamer.join(harness.TIMEOUT)
-        self.assertEqual(self.collector.wait_count(200), self.payloads)
-
-    def bad_senders(self):
+        self.addCleanup(streamer.join, harness.TIMEOUT)
+        self.addCleanup(stop.set)
         cases = (
             ("stall", lambda s: s.open(), "Connection timed out"),
-            ("garbage", lambda s: s.sock.sendall(b"GET / HTTP/1.1\r\n\r\n"),
+            ("garbage", lambda s: s.sendall(b"GET / HTTP/1.1\r\n\r\n"),
              "Expected control message preamble of 0 but got "),
             ("oversized frame",
              lambda s: (s.open(), s.send([b"x" * (FRAME_LIMIT + 1)])),
              "Data frame length %d is larger than the configured limit"
              % (FRAME_LIMIT + 1)),
             ("closed mid-frame",
-             lambda s: (s.open(), s.sock.sendall(struct.pack(">I", 100) +
-                                                 b"y" * 50)),
+             lambda s: (s.open(), s.sendall(struct.pack(">I", 100) +
+                                            b"y" * 50)),
              "recv() failed: socket closed"),
         )
         for name, act, message in cases:
             with self.subTest(sender=name):
-                before = len(self.receiver_errors())
+                before = self.relay.log().count("]: Process loop failed: ")
                 started = time.monotonic()
                 with FstrmClient(self.port) as sender:
                     act(sender)
@@ -148,7 +119,8 @@ class SenderFaults(unittest.TestCase):
                         self.relay.wait_log("Process loop failed: ",
                                             before + 1)
                 self.relay.wait_log("Process loop failed: ", before + 1)
-                errors = self.receiver_errors()[before:]
+                errors = [line for line in self.relay.log().splitlines()
+                          if "]: Process loop failed: " in line][before:]
                 self.assertEqual(len(errors), 1, errors)
                 self.assertRegex(errors[0], r"^\[ERROR\] Receiver\[\d+\]: ")
                 self.assertIn(message, errors[0])
@@ -156,6 +128,9 @@ class SenderFaults(unittest.TestCase):
                     # read-timeout 1 and keepalive 1: two silent waits.
                     self.assertGreater(time.monotonic() - started, 1.5)
         self.assertTrue(self.relay.running())
+        stop.set()
+        streamer.join(harness.TIMEOUT)
+        self.assertEqual(self.collector.wait_count(200), self.payloads)
 
 
 if __name__ == "__main__":

@@ -1,45 +1,41 @@
-"""What the agent's query-log line must say about a dnstap record, worked
-out independently of the agent: a small DNS decoder (question, records with
-compression, data of the types the peers and the load generator produce)
-and the line built from it with either syslog header. A record of any other
-type raises, so a test never compares against a guess.
-"""
+# The query-log line the agent must write for a dnstap record, worked out
+# independently: a small DNS decoder for the record types the peers and the
+# load generator produce (any other type raises, so no test compares against a
+# guess) and the line built from it with either syslog header.
 
 import ipaddress
 import struct
 import time
 
-from dnstap_records import CodecError
+from dnstap_records import MESSAGE_TYPES, CodecError
 
 TYPE_NAMES = {1: "A", 2: "NS", 5: "CNAME", 6: "SOA", 12: "PTR", 15: "MX",
-              16: "TXT", 28: "AAAA", 33: "SRV", 41: "OPT"}
+              16: "TXT", 28: "AAAA", 33: "SRV"}
 RCODE_NAMES = {0: "NOERROR", 1: "FORMERR", 2: "SERVFAIL", 3: "NXDOMAIN",
                4: "NOTIMP", 5: "REFUSED"}
-# The word after "queries: " for dnstap types 1..12.
-QUERYLOG_ROLES = ("client", "client", "resolver", "resolver", "client",
-                  "client", "forwarder", "forwarder", "stub", "stub", "tool",
-                  "tool")
+# The word after "queries: " for dnstap types 1..12: authoritative servers
+# count as serving clients.
+QUERYLOG_ROLES = [{"auth": "client"}.get(role, role) for role in (
+    name.split("_")[0].lower() for name in MESSAGE_TYPES)]
 TCP_LIKE = {2, 3, 4, 6}
 
 
 def read_name(wire, offset):
     """(presentation name with the final dot, offset after the name)."""
-    labels, end, jumps = [], None, 0
-    while True:
+    labels, end = [], None
+    for _ in range(256):  # labels and pointers; more means a loop
         if offset >= len(wire):
             raise CodecError("name runs past the message")
         length = wire[offset]
         if length & 0xC0 == 0xC0:
             end = offset + 2 if end is None else end
             offset = struct.unpack_from(">H", wire, offset)[0] & 0x3FFF
-            jumps += 1
-            if jumps > 64:
-                raise CodecError("compression loop")
             continue
         if length == 0:
             return ".".join(labels) + ".", end or offset + 1
         labels.append(_escape(wire[offset + 1:offset + 1 + length], True))
         offset += 1 + length
+    raise CodecError("compression loop")
 
 
 def _escape(raw, name=False):
@@ -73,41 +69,31 @@ def _rdata(wire, offset, rtype, length):
 
 
 class Message:
-    """Header, question and the three record sections of a DNS message;
-    each record is (name, ttl, class, type, data text), OPT left out."""
+    # Header, question and answer section of a DNS message; each answer is
+    # (name, ttl, class, type, data text).
 
     def __init__(self, wire):
-        if len(wire) < 12:
-            raise CodecError("DNS message shorter than its header")
-        self.id, self.flags, qdcount, *counts = struct.unpack_from(
-            ">HHHHHH", wire)
+        self.id, self.flags, qdcount, ancount = struct.unpack_from(">HHHH",
+                                                                   wire)
         if qdcount != 1:
             raise CodecError("expected one question")
         self.qname, offset = read_name(wire, 12)
         self.qtype, self.qclass = struct.unpack_from(">HH", wire, offset)
         offset += 4
-        self.sections = []
-        for count in counts:
-            records = []
-            for _ in range(count):
-                name, offset = read_name(wire, offset)
-                rtype, rclass, ttl, length = struct.unpack_from(
-                    ">HHIH", wire, offset)
-                offset += 10
-                if rtype != 41:
-                    records.append((name, ttl, rclass, rtype,
-                                    _rdata(wire, offset, rtype, length)))
-                offset += length
-            self.sections.append(records)
-
-    @property
-    def rcode(self):
-        return RCODE_NAMES.get(self.flags & 0xF, "RCODE%d" % (self.flags & 0xF))
+        self.records = []
+        for _ in range(ancount):
+            name, offset = read_name(wire, offset)
+            rtype, rclass, ttl, length = struct.unpack_from(">HHIH", wire,
+                                                            offset)
+            self.records.append((name, ttl, rclass, rtype, _rdata(
+                wire, offset + 10, rtype, length)))
+            offset += 10 + length
+        self.rcode = RCODE_NAMES[self.flags & 0xF]
 
     def answers(self):
         """The answer section as "name TYPE data" texts, as dig shows it."""
         return ["%s %s %s" % (name, type_name(rtype), data)
-                for name, _, _, rtype, data in self.sections[0]]
+                for name, _, _, rtype, data in self.records]
 
 
 def type_name(number):
@@ -131,8 +117,7 @@ def syslog_header(rfc3164, priority, host, pid, seconds, nanos):
 
 
 def querylog_line(record, rfc3164, priority, host, pid):
-    """The query-log line of a record, header included, without the line
-    feed."""
+    # The query-log line of a record, header included, without the line feed.
     side = "query" if record.is_query else "response"
     message = Message(record.wire)
     line = syslog_header(rfc3164, priority, host, pid,
@@ -148,5 +133,5 @@ def querylog_line(record, rfc3164, priority, host, pid):
         line += " " + message.rcode + "".join(
             "; %s %d %s %s %s" % (name, ttl, class_name(rclass),
                                   type_name(rtype), data)
-            for name, ttl, rclass, rtype, data in message.sections[0])
+            for name, ttl, rclass, rtype, data in message.records)
     return line
