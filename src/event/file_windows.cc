@@ -1,40 +1,17 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include <cerrno>
+#include "encoding/error.h"
+#include "event/file_platform.h"
 
-#include "event/queue_file.h"
+namespace ns::file::platform {
 
-namespace ns::file {
-
-namespace {
-
-// _stat64 gives 64-bit sizes and times. Returns false only for a path that does not exist;
-// every other failure throws.
-bool statPath(const std::string& path, uint64_t& size) {
+// _stat64 gives 64-bit sizes.
+uint32_t statSize(const std::string& path, uint64_t& size) {
   struct _stat64 info;
-  if (_stat64(path.c_str(), &info) == 0) {
-    size = static_cast<uint64_t>(info.st_size);
-    return true;
-  }
-  const uint32_t code = ns::error::lastCError();
-  if (code == ENOENT) return false;
-  throw FileError("stat64(" + path + ") failed: " + ns::error::systemErrorText(code));
+  if (_stat64(path.c_str(), &info) != 0) return ns::error::lastCError();
+  size = static_cast<uint64_t>(info.st_size);
+  return 0;
 }
 
-}  // namespace
-
-bool fileExists(const std::string& path) {
-  uint64_t size = 0;
-  return statPath(path, size);
-}
-
-uint64_t fileSize(const std::string& path) {
-  uint64_t size = 0;
-  if (!statPath(path, size)) {
-    throw FileError("stat64(" + path + ") failed: " + ns::error::systemErrorText(ENOENT));
-  }
-  return size;
-}
-
-}  // namespace ns::file
+}  // namespace ns::file::platform
