@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "encoding/error.h"
+#include "net/socket_addresses.h"
 #include "net/socket_platform.h"
 
 namespace ns::net::sys {
@@ -124,11 +125,7 @@ bool makeUnixAddress(SocketAddress& out, const std::string& path) {
 
 int resolve(std::vector<SocketAddress>& out, const std::string& host, uint16_t port, bool ipv6,
             std::string& errorText) {
-  addrinfo hints{};
-  hints.ai_flags = AI_NUMERICSERV;
-  hints.ai_family = ipv6 ? AF_INET6 : AF_INET;
-  hints.ai_socktype = SOCK_STREAM;
-  hints.ai_protocol = IPPROTO_TCP;
+  const addrinfo hints = streamHints(ipv6);
   addrinfo* list = nullptr;
   int result = ::getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &list);
   if (result != 0) {
@@ -136,36 +133,12 @@ int resolve(std::vector<SocketAddress>& out, const std::string& host, uint16_t p
                                      : std::string(::gai_strerror(result));
     return result;
   }
-  for (addrinfo* entry = list; entry != nullptr; entry = entry->ai_next) {
-    if (entry->ai_family != hints.ai_family || entry->ai_addrlen > sizeof(SocketAddress::bytes)) {
-      continue;
-    }
-    SocketAddress address;
-    std::memcpy(address.bytes, entry->ai_addr, entry->ai_addrlen);
-    address.length = static_cast<uint32_t>(entry->ai_addrlen);
-    address.family = ipv6 ? AddressFamily::kIpv6 : AddressFamily::kIpv4;
-    if (ipv6) {
-      reinterpret_cast<sockaddr_in6*>(address.bytes)->sin6_port = htons(port);
-    } else {
-      reinterpret_cast<sockaddr_in*>(address.bytes)->sin_port = htons(port);
-    }
-    out.push_back(address);
-  }
+  collectAddresses(list, ipv6, port, out);
   ::freeaddrinfo(list);
   return 0;
 }
 
-std::string addressText(const SocketAddress& address) {
-  char text[INET6_ADDRSTRLEN] = {};
-  if (address.family == AddressFamily::kIpv6) {
-    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address.bytes)->sin6_addr, text,
-                sizeof text);
-  } else {
-    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address.bytes)->sin_addr, text,
-                sizeof text);
-  }
-  return text;
-}
+std::string addressText(const SocketAddress& address) { return numericText(address); }
 
 int connect(uintptr_t handle, const SocketAddress& address) {
   return ::connect(fd(handle), asSockaddr(address), address.length);
