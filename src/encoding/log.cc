@@ -30,9 +30,12 @@ void write(Level level, const std::string& message) {
   if (systemLog != nullptr && systemLog->write(level, message)) return;
   const ConsoleForm& form = kConsole[static_cast<int>(level)];
   FILE* stream = form.stream();
-  std::fputs(form.prefix, stream);
-  std::fwrite(message.data(), 1, message.size(), stream);
-  std::fputc('\n', stream);
+  // One write per line: in run-stdout mode the forwarders print events on the same stream
+  // without this mutex, and a line written in pieces could have an event land inside it.
+  std::string line;
+  line.reserve(16 + message.size());
+  line.append(form.prefix).append(message).push_back('\n');
+  std::fwrite(line.data(), 1, line.size(), stream);
   std::fflush(stream);
 }
 
