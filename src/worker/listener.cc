@@ -121,11 +121,20 @@ void Listener::handleConnection(std::unique_ptr<net::Socket> socket) {
       receiverSettings_, &Listener::receiverFinished, this, queue_, std::move(socket));
   receiver::Receiver& receiver = *created;
   receivers_[receiver.id()] = std::move(created);
-  receiver.start();
-  if (stopRequested_) receiver.stop();
+  // Counted before the thread starts, so that a metrics report never lists a receiver that
+  // the counters do not include yet.
   accepts_.fetch_add(1);
   const uint64_t active = activeReceivers_.fetch_add(1) + 1;
   if (active > peakReceivers_.load()) peakReceivers_.exchange(active);
+  try {
+    receiver.start();
+  } catch (...) {
+    // No thread (out of resources): nothing will report this receiver finished.
+    activeReceivers_.fetch_sub(1);
+    receivers_.erase(receiver.id());
+    throw;
+  }
+  if (stopRequested_) receiver.stop();
 }
 
 void Listener::receiverFinished(receiver::Receiver& receiver, void* context) {
@@ -176,9 +185,6 @@ void Listener::metrics(format::ListenerMetrics& out) {
   out.host = socket.host;
   const uint16_t bound = boundPort();
   out.port = bound != 0 ? bound : socket.port;
-  out.accepts = accepts();
-  out.active_receivers = activeReceivers();
-  out.peak_receivers = peakReceivers();
   if (etwReader_) {
     try {
       etwReader_->queryStatistics();
@@ -194,7 +200,11 @@ void Listener::metrics(format::ListenerMetrics& out) {
     out.etw.real_time_buffers_lost = statistics.realTimeBuffersLost;
   }
   out.receivers.clear();
+  // The counters change under this lock too: read them with the receiver list they describe.
   std::lock_guard<std::mutex> lock(mutex_);
+  out.accepts = accepts();
+  out.active_receivers = activeReceivers();
+  out.peak_receivers = peakReceivers();
   for (const auto& entry : receivers_) {
     const receiver::Receiver& receiver = *entry.second;
     const net::PeerAddress& peer = receiver.peer();

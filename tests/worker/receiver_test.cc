@@ -109,7 +109,7 @@ TEST(ReceiverTest, GivesUpASilentSenderAfterKeepalivePlusOneTimeouts) {
   const double elapsed =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
   EXPECT_GE(elapsed, 1.9);
-  EXPECT_LT(elapsed, 2.8);
+  EXPECT_LT(elapsed, 3.5);
   EXPECT_TRUE(log.contains("E Receiver[0]: Process loop failed: Connection timed out"));
 }
 
