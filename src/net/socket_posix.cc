@@ -24,17 +24,10 @@ namespace {
 
 constexpr int kPassMilliseconds = 1000;
 
-int nativeFamily(AddressFamily family) {
-  switch (family) {
-    case AddressFamily::kIpv4:
-      return AF_INET;
-    case AddressFamily::kIpv6:
-      return AF_INET6;
-    case AddressFamily::kUnix:
-      return AF_UNIX;
-  }
-  return AF_UNSPEC;
-}
+// Indexed by AddressFamily.
+constexpr int kNativeFamilies[] = {AF_INET, AF_INET6, AF_UNIX};
+
+int nativeFamily(AddressFamily family) { return kNativeFamilies[static_cast<int>(family)]; }
 
 int fd(uintptr_t handle) { return static_cast<int>(handle); }
 

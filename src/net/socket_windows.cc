@@ -24,17 +24,10 @@ struct UnixSocketAddress {
   char sun_path[108];
 };
 
-int nativeFamily(AddressFamily family) {
-  switch (family) {
-    case AddressFamily::kIpv4:
-      return AF_INET;
-    case AddressFamily::kIpv6:
-      return AF_INET6;
-    case AddressFamily::kUnix:
-      return kUnixFamily;
-  }
-  return AF_UNSPEC;
-}
+// Indexed by AddressFamily.
+constexpr int kNativeFamilies[] = {AF_INET, AF_INET6, kUnixFamily};
+
+int nativeFamily(AddressFamily family) { return kNativeFamilies[static_cast<int>(family)]; }
 
 SOCKET sock(uintptr_t handle) { return static_cast<SOCKET>(handle); }
 

@@ -65,14 +65,7 @@ bool setRecovery(ForwarderSettings& s, const std::string& value) {
 }
 
 bool setFstrmMode(ForwarderSettings& s, const std::string& value) {
-  if (value == "bidirectional") {
-    s.fstrm.bidirectional = true;
-  } else if (value == "unidirectional") {
-    s.fstrm.bidirectional = false;
-  } else {
-    return false;
-  }
-  return true;
+  return setChoice(s.fstrm.bidirectional, value, "unidirectional", "bidirectional");
 }
 
 bool setClientCertificate(ForwarderSettings& s, const std::string& value) {

@@ -50,14 +50,7 @@ struct OptionRule {
 };
 
 bool setIdentity(ListenerSettings& s, const std::string& value) {
-  if (value == "omit") {
-    s.etwSettings.identityFromEvent = false;
-  } else if (value == "event-hostname") {
-    s.etwSettings.identityFromEvent = true;
-  } else {
-    return false;
-  }
-  return true;
+  return setChoice(s.etwSettings.identityFromEvent, value, "omit", "event-hostname");
 }
 
 bool setVersion(ListenerSettings& s, const std::string& value) {

@@ -93,15 +93,15 @@ bool setInRange(uint32_t& field, const std::string& value, int32_t minimum, int3
   return true;
 }
 
-bool setOnOff(bool& field, const std::string& value) {
-  if (value == "on") {
-    field = true;
-  } else if (value == "off") {
-    field = false;
-  } else {
-    return false;
-  }
+bool setChoice(bool& field, const std::string& value, const char* whenFalse,
+               const char* whenTrue) {
+  if (value != whenFalse && value != whenTrue) return false;
+  field = value == whenTrue;
   return true;
+}
+
+bool setOnOff(bool& field, const std::string& value) {
+  return setChoice(field, value, "off", "on");
 }
 
 }  // namespace ns::worker

@@ -43,5 +43,8 @@ int64_t parseDecimal64(std::string_view text);
 // Option value checks used by the option tables; false means the value is refused.
 bool setInRange(uint32_t& field, const std::string& value, int32_t minimum, int32_t maximum);
 bool setOnOff(bool& field, const std::string& value);
+// A two-word option: field becomes true for whenTrue, false for whenFalse.
+bool setChoice(bool& field, const std::string& value, const char* whenFalse,
+               const char* whenTrue);
 
 }  // namespace ns::worker
