@@ -29,7 +29,11 @@ receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings) 
 }  // namespace
 
 Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue)
-    : id_(id), settings_(settings), receiverSettings_(receiverSettingsOf(settings)), queue_(queue) {
+    : id_(id),
+      settings_(settings),
+      receiverSettings_(receiverSettingsOf(settings)),
+      queue_(queue),
+      etwPusher_(queue) {
   if (settings_.etw) {
     etwReader_ = std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix());
   } else {
@@ -76,15 +80,7 @@ void Listener::run() {
 
 void Listener::runEtw() {
   log::info(prefix() + kStartingEtw);
-  etwReader_->run(&Listener::etwEvent, this);
-}
-
-void Listener::etwEvent(encoding::dnstap::DnstapMessage& message, void* context) {
-  auto& self = *static_cast<Listener*>(context);
-  self.encoded_.clear();
-  message.encode(self.encoded_);
-  self.queue_.push(reinterpret_cast<const uint8_t*>(self.encoded_.data()),
-                   static_cast<uint32_t>(self.encoded_.size()));
+  etwReader_->run(&EventPusher::handle, &etwPusher_);
 }
 
 void Listener::runSocket() {

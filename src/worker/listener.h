@@ -26,6 +26,7 @@
 #include "event/event_queue.h"
 #include "format/metrics_report.h"
 #include "net/socket.h"
+#include "worker/event_pusher.h"
 #include "worker/listener_settings.h"
 #include "worker/receiver.h"
 
@@ -75,7 +76,6 @@ class Listener {
   void stopReceivers();
 
   static void receiverFinished(receiver::Receiver& receiver, void* context);
-  static void etwEvent(encoding::dnstap::DnstapMessage& message, void* context);
 
   const uint32_t id_;
   const ListenerSettings settings_;
@@ -85,7 +85,7 @@ class Listener {
   std::atomic<bool> stopRequested_{false};
   std::unique_ptr<net::Socket> socket_;
   std::unique_ptr<etw::EtwReader> etwReader_;
-  std::string encoded_;  // the ETW thread's encode buffer, reused for every event
+  EventPusher etwPusher_;  // used by the ETW thread only
 
   std::mutex mutex_;                                           // guards the two members below
   ReceiverMap receivers_;                                      // running receivers by id

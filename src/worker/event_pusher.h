@@ -1,0 +1,34 @@
+// The bridge from a decoder of captured events to the queue: each record it is handed is
+// encoded as dnstap and pushed, so that captured events travel to the forwarders exactly like
+// the ones a receiver relays.
+//
+// Ownership: the EventPusher owns its encode buffer, reused for every record; the queue is
+// borrowed and outlives it. Thread-safety: used by one capturing thread at a time (the queue
+// itself may be shared).
+#pragma once
+
+#include <string>
+
+#include "encoding/dnstap_message.h"
+#include "event/event_queue.h"
+
+namespace ns::worker {
+
+class EventPusher {
+ public:
+  explicit EventPusher(event::queue::EventQueue& queue) : queue_(queue) {}
+
+  // Encodes and pushes one record.
+  void push(encoding::dnstap::DnstapMessage& message);
+
+  // The same as an event handler: `self` is the EventPusher.
+  static void handle(encoding::dnstap::DnstapMessage& message, void* self) {
+    static_cast<EventPusher*>(self)->push(message);
+  }
+
+ private:
+  event::queue::EventQueue& queue_;
+  std::string encoded_;
+};
+
+}  // namespace ns::worker
