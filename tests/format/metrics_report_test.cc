@@ -73,7 +73,7 @@ TEST(MetricsReportTest, BothLayouts) {
     EXPECT_EQ(kv, "Metrics: " + expectedKv);
     formatReport(snapshot, true, json);
     EXPECT_EQ(json, expectedJson);
-    testing::jsonLines().push_back(json + "\n");
+    testing::jsonLines() << json << "\n";
   }
   // clear() empties every group for the next report.
   MetricsSnapshot snapshot = std::get<0>(cases()[1]);

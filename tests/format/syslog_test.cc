@@ -16,7 +16,6 @@ TEST(SyslogTest, HeaderForEachStyle) {
       // Microseconds, unpadded and truncated.
       {0, 134, "dnsbox", 4242, 1709622542, 123456789,
        "<134>1 2024-03-05T07:09:02.123456Z dnsbox vantrelo 4242 - - "},
-      {0, 13, "h", 0, 1709622542, 5000, "<13>1 2024-03-05T07:09:02.5Z h vantrelo 0 - - "},
       // Negative priorities pass the configuration check and are printed as they are.
       {1, -1, "", 7, 1709622542, 0, "<-1>Mar  5 07:09:02  vantrelo[7]: "},
   };

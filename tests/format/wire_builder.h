@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -71,8 +72,8 @@ inline encoding::dnstap::DnstapMessage makeRecord(uint64_t type, uint64_t family
   return r;
 }
 
-// Every JSON text the tests produce, each ending in a line feed, written to a file for the
-// strict parser that ctest runs after format_test.
-std::vector<std::string>& jsonLines();
+// Every JSON text the tests produce, each ending in a line feed, goes to a file for the strict
+// parser that ctest runs after format_test.
+std::ostream& jsonLines();
 
 }  // namespace ns::format::testing
