@@ -6,10 +6,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "app/process_state.h"
 
@@ -33,48 +31,46 @@ TEST(AgentTest, ConfigDirectory) {
   for (const Case& c : cases) EXPECT_EQ(configDirectory(c.path), c.directory) << c.path;
 }
 
-// Makes workers that record, in order, every call the agent makes on them.
+// Makes workers that record, in order, every call the agent makes on them. The agent makes
+// and drives every worker on its own thread, so `calls` is read only after it has returned.
 class RecordingFactory : public WorkerFactory {
  public:
   class Fake : public Worker {
    public:
-    Fake(RecordingFactory& factory, std::string name) : factory_(factory), name_(name) {}
-    ~Fake() override { factory_.add("destroy " + name_); }
-    void start() override { factory_.add("start " + name_); }
-    void requestStop() override { factory_.add("stop " + name_); }
-    void join() override { factory_.add("join " + name_); }
+    Fake(std::string& calls, std::string name) : calls_(calls), name_(std::move(name)) {}
+    ~Fake() override { calls_ += "destroy " + name_ + ", "; }
+    void start() override { calls_ += "start " + name_ + ", "; }
+    void requestStop() override { calls_ += "stop " + name_ + ", "; }
+    void join() override { calls_ += "join " + name_ + ", "; }
 
    private:
-    RecordingFactory& factory_;
-    std::string name_;
+    std::string& calls_;
+    const std::string name_;
   };
 
   std::unique_ptr<Worker> createForwarder(uint32_t id,
                                           const worker::forwarder::ForwarderSettings& settings,
                                           event::queue::EventQueue&,
                                           const format::MessageSettings&) override {
-    return std::make_unique<Fake>(*this,
-                                  "f" + std::to_string(id) + (settings.toStdout ? "/stdout" : ""));
+    return std::make_unique<Fake>(calls, "f" + std::to_string(id) + ":" +
+                                             std::to_string(settings.socket.port) +
+                                             (settings.toStdout ? "/stdout" : ""));
   }
   std::unique_ptr<Worker> createListener(uint32_t id,
                                          const worker::listener::ListenerSettings& settings,
                                          event::queue::EventQueue&) override {
     return std::make_unique<Fake>(
-        *this, "l" + std::to_string(id) + ":" + std::to_string(settings.socket.port));
+        calls, "l" + std::to_string(id) + ":" + std::to_string(settings.socket.port));
   }
   std::unique_ptr<Worker> createBackgroundLogger(const format::MetricsSettings& settings,
                                                  event::queue::EventQueue&) override {
-    return std::make_unique<Fake>(*this, "bg" + std::to_string(settings.interval));
-  }
-  void add(const std::string& call) {
-    std::lock_guard<std::mutex> lock(mutex);
-    calls.push_back(call);
+    return std::make_unique<Fake>(calls, "bg" + std::to_string(settings.interval));
   }
 
-  std::mutex mutex;
-  std::vector<std::string> calls;
+  std::string calls;
 };
 
+// Workers are made in file order, every forwarder writing to standard output in that mode.
 // Listeners stop before forwarders, so that what they took in can still be sent, and the
 // background logger last, so that its final report counts everything.
 TEST(AgentTest, StartsAndStopsWorkersInOrder) {
@@ -106,13 +102,12 @@ TEST(AgentTest, StartsAndStopsWorkersInOrder) {
   setStandardOutputMode(false);
   std::filesystem::current_path(previous);
   std::filesystem::remove_all(directory);
-  const std::vector<std::string> expected = {
-      "start f0/stdout", "start f1/stdout", "start l0:7001",     "start l1:7002",
-      "start bg5",       "stop l0:7001",    "stop l1:7002",      "stop f0/stdout",
-      "stop f1/stdout",  "stop bg5",        "join l0:7001",      "join l1:7002",
-      "join f0/stdout",  "join f1/stdout",  "join bg5",          "destroy bg5",
-      "destroy l0:7001", "destroy l1:7002", "destroy f0/stdout", "destroy f1/stdout"};
-  EXPECT_EQ(factory.calls, expected);
+  EXPECT_EQ(factory.calls,
+            "start f0:1/stdout, start f1:2/stdout, start l0:7001, start l1:7002, start bg5, "
+            "stop l0:7001, stop l1:7002, stop f0:1/stdout, stop f1:2/stdout, stop bg5, "
+            "join l0:7001, join l1:7002, join f0:1/stdout, join f1:2/stdout, join bg5, "
+            "destroy bg5, destroy l0:7001, destroy l1:7002, destroy f0:1/stdout, "
+            "destroy f1:2/stdout, ");
 }
 
 }  // namespace

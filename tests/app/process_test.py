@@ -18,28 +18,24 @@ USAGE = ("usage: vantrelo run <vantrelo.conf>\n"
 
 
 def run(args, cwd=None):
-    return subprocess.run([PROGRAM] + args, cwd=cwd, capture_output=True, text=True, timeout=30)
+    done = subprocess.run([PROGRAM] + args, cwd=cwd, capture_output=True, text=True, timeout=30)
+    return done.returncode, done.stdout, done.stderr
 
 
-class Agent:
-    # A running agent; stop() delivers a signal until the agent has begun waiting for it.
-
-    def __init__(self, args, cwd):
-        self.process = subprocess.Popen([PROGRAM] + args, cwd=cwd, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True)
-
-    def stop(self, signum):
-        # A stop request sent before the agent waits is lost by design, so repeat it.
-        for _ in range(20):
-            time.sleep(0.25)
-            self.process.send_signal(signum)
-            try:
-                out, err = self.process.communicate(timeout=1)
-                return self.process.returncode, out, err
-            except subprocess.TimeoutExpired:
-                continue
-        self.process.kill()
-        raise AssertionError("agent did not stop")
+def run_until_stopped(args, cwd, signum=signal.SIGTERM):
+    # A stop request sent before the agent waits is lost by design, so repeat it.
+    agent = subprocess.Popen([PROGRAM] + args, cwd=cwd, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE, text=True)
+    for _ in range(20):
+        time.sleep(0.25)
+        agent.send_signal(signum)
+        try:
+            out, err = agent.communicate(timeout=1)
+            return agent.returncode, out, err
+        except subprocess.TimeoutExpired:
+            continue
+    agent.kill()
+    raise AssertionError("agent did not stop")
 
 
 class CommandLineTest(unittest.TestCase):
@@ -47,79 +43,58 @@ class CommandLineTest(unittest.TestCase):
         for args in ([], ["run"], ["run-service"], ["run-stdout"], ["RUN", "x.conf"],
                      ["Version"], ["versions"], ["print-psl-x"], [""]):
             with self.subTest(args=args):
-                result = run(args)
-                self.assertEqual(result.returncode, 1)
-                self.assertEqual(result.stderr, USAGE)
-                self.assertEqual(result.stdout, "")
+                self.assertEqual(run(args), (1, "", USAGE))
 
-    def test_version(self):
+    def test_version_and_print_psl(self):
         for args in (["version"], ["version", "extra", "more"]):
-            result = run(args)
-            self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "2.4.4\n", ""))
-
-    def test_print_psl_lists_every_builtin_rule_as_configuration(self):
-        result = run(["print-psl"])
-        lines = result.stdout.splitlines()
-        self.assertEqual((result.returncode, len(lines)), (0, 6933))
-        self.assertEqual((lines[0], lines[-1]), ("domain-suffix ac", "domain-suffix zuerich"))
+            self.assertEqual(run(args), (0, "2.4.4\n", ""))
+        # Every built-in rule as a configuration line.
+        code, out, _ = run(["print-psl"])
+        lines = out.splitlines()
+        self.assertEqual((code, len(lines), lines[0], lines[-1]),
+                         (0, 6933, "domain-suffix ac", "domain-suffix zuerich"))
         self.assertIn("domain-suffix !www.ck", lines)
 
 
 class AgentRunTest(unittest.TestCase):
     def setUp(self):
-        self.directory = tempfile.TemporaryDirectory()
-        self.root = self.directory.name
-
-    def tearDown(self):
-        self.directory.cleanup()
-
-    def write(self, relative, text):
-        path = os.path.join(self.root, relative)
-        os.makedirs(os.path.dirname(path), exist_ok=True)
-        with open(path, "w") as f:
-            f.write(text)
-        return path
+        self.root = self.enterContext(tempfile.TemporaryDirectory())
+        os.mkdir(os.path.join(self.root, "conf"))
+        self.path = os.path.join(self.root, "conf", "vantrelo.conf")
+        with open(self.path, "w") as f:
+            f.write("# nothing to do\nmessage-queue-filename fresh.queue\n")
 
     def test_bad_value_gives_exactly_four_lines(self):
-        path = self.write("vantrelo.conf", "metrics-interval 0\n")
-        result = run(["run", path])
-        self.assertEqual(result.returncode, 0)
-        self.assertEqual(result.stdout, "[INFO] Started\n[INFO] Changing directory to %s\n"
-                         "[INFO] Reading config from %s\n" % (self.root, path))
-        self.assertEqual(result.stderr,
-                         "[ERROR] Run failed: Invalid metrics-interval specified in config "
-                         "file: 0\n")
+        with open(self.path, "w") as f:
+            f.write("metrics-interval 0\n")
+        self.assertEqual(run(["run", self.path]), (
+            0, "[INFO] Started\n[INFO] Changing directory to %s\n"
+            "[INFO] Reading config from %s\n" % (os.path.dirname(self.path), self.path),
+            "[ERROR] Run failed: Invalid metrics-interval specified in config file: 0\n"))
 
     def test_idle_agent_stops_on_signals(self):
-        path = self.write("vantrelo.conf", "# nothing to do\n")
-        for signum in (signal.SIGTERM, signal.SIGINT):
-            with self.subTest(signal=signum):
-                code, out, err = Agent(["run", path], self.root).stop(signum)
-                self.assertEqual(code, 0)
-                self.assertEqual(err, "")
+        # run-stdout neither loads nor saves the queue file.
+        for command, signum, files in (("run-stdout", signal.SIGINT, ["vantrelo.conf"]),
+                                       ("run", signal.SIGTERM, ["fresh.queue", "vantrelo.conf"])):
+            with self.subTest(command=command):
+                code, out, err = run_until_stopped([command, self.path], self.root, signum)
+                self.assertEqual((code, err), (0, ""))
                 self.assertEqual(out.splitlines()[-1], "[INFO] Stopped")
                 self.assertEqual(out.count("[INFO] Stopped"), 1)
+                self.assertEqual(sorted(os.listdir(os.path.dirname(self.path))), files)
 
     def test_relative_path_is_resolved_from_its_own_directory(self):
-        self.write(os.path.join("conf", "vantrelo.conf"), "")
-        result = run(["run", "conf/vantrelo.conf"], cwd=self.root)
-        self.assertEqual(result.stdout.splitlines(),
-                         ["[INFO] Started", "[INFO] Changing directory to conf",
-                          "[INFO] Reading config from conf/vantrelo.conf"])
-        self.assertTrue(result.stderr.startswith(
-            "[ERROR] Run failed: ifstream(conf/vantrelo.conf) failed to open: "), result.stderr)
+        # The directory changes first, so a path with a directory part no longer names the file.
+        code, out, err = run(["run", "conf/vantrelo.conf"], cwd=self.root)
+        self.assertEqual(out.splitlines(), ["[INFO] Started", "[INFO] Changing directory to conf",
+                                            "[INFO] Reading config from conf/vantrelo.conf"])
+        self.assertTrue(err.startswith(
+            "[ERROR] Run failed: ifstream(conf/vantrelo.conf) failed to open: "), err)
         # A bare file name stays in the current directory and works.
-        code, out, _ = Agent(["run", "vantrelo.conf"], os.path.join(self.root, "conf")).stop(
-            signal.SIGTERM)
+        code, out, _ = run_until_stopped(["run", "vantrelo.conf"], os.path.dirname(self.path))
         self.assertEqual(code, 0)
         self.assertIn("[INFO] Changing directory to .\n", out)
         self.assertTrue(out.endswith("[INFO] Stopped\n"))
-
-    def test_run_stdout_creates_no_queue_file(self):
-        path = self.write("vantrelo.conf", "message-queue-filename fresh.queue\n")
-        code, _, _ = Agent(["run-stdout", path], self.root).stop(signal.SIGINT)
-        self.assertEqual(code, 0)
-        self.assertEqual(sorted(os.listdir(self.root)), ["vantrelo.conf"])
 
 
 if __name__ == "__main__":

@@ -6,7 +6,7 @@ import socket
 import struct
 import threading
 
-import dnstap_records as dr
+import frames
 from harness import LOOPBACK, TIMEOUT, free_port, wait_until
 
 
@@ -44,10 +44,6 @@ class FrameCollector:
                    "%d frames at the collector" % count, timeout)
         return self.received()
 
-    @property
-    def connections(self):
-        return len(self.handshakes)
-
     def _accept_loop(self):
         while not self._stopping:
             try:
@@ -65,7 +61,7 @@ class FrameCollector:
     def _serve(self, conn, limit):
         buffer, handshake = bytearray(), None
         while not self._stopping:
-            frame = dr.take_frame(buffer)
+            frame = frames.take_frame(buffer)
             if frame is None:
                 try:
                     chunk = conn.recv(65536)
@@ -74,23 +70,23 @@ class FrameCollector:
                 if not chunk:
                     return
                 buffer += chunk
+            elif frame[0] == "data" and limit == 0:
+                # Unread bytes make the close a reset, as when a collector
+                # dies.
+                conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                struct.pack("ii", 1, 0))
+                return
             elif frame[0] == "data":
-                if limit == 0:
-                    # Unread bytes make the close a reset, as when a
-                    # collector dies.
-                    conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                    struct.pack("ii", 1, 0))
-                    return
                 with self._lock:
                     self._received.append(frame[1])
                 limit = None if limit is None else limit - 1
             elif handshake is None:
                 handshake = frame[0]
                 self.handshakes.append(handshake)
-                if handshake == dr.FSTRM_READY:
-                    conn.sendall(dr.control_frame(dr.FSTRM_ACCEPT,
-                                                  dr.CONTENT_TYPE))
-            elif frame[0] == dr.FSTRM_STOP:
-                if handshake == dr.FSTRM_READY:
-                    conn.sendall(dr.control_frame(dr.FSTRM_FINISH))
+                if handshake == frames.FSTRM_READY:
+                    conn.sendall(frames.control_frame(frames.FSTRM_ACCEPT,
+                                                  frames.CONTENT_TYPE))
+            elif frame[0] == frames.FSTRM_STOP:
+                if handshake == frames.FSTRM_READY:
+                    conn.sendall(frames.control_frame(frames.FSTRM_FINISH))
                 return

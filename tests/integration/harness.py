@@ -12,7 +12,7 @@ import tempfile
 import time
 import unittest
 
-import dnstap_records as dr
+import frames
 
 LOOPBACK = "127.0.0.1"
 TIMEOUT = 15.0
@@ -62,14 +62,14 @@ def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
         time.sleep(interval)
 
 
-def run_tool(argv, timeout=30, check=True):
+def run_tool(argv, timeout=30):
     argv = [str(arg) for arg in argv]
     done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True,
                           capture_output=True, timeout=timeout)
-    if check and done.returncode != 0:
+    if done.returncode != 0:
         raise PeerError("%s failed with code %d: %s%s" % (
             " ".join(argv), done.returncode, done.stdout, done.stderr))
-    return done
+    return done.stdout
 
 
 class Peer:
@@ -101,15 +101,12 @@ class Peer:
         return self.popen is not None and self.popen.poll() is None
 
     def stop(self, signum=signal.SIGTERM):
-        if self.popen is None:
-            return
-        for kill in (signum, signal.SIGKILL):
+        for kill in (signum, signal.SIGKILL) if self.popen else ():
             try:
                 os.killpg(self.popen.pid, kill)
                 self.popen.wait(5)
             except (ProcessLookupError, subprocess.TimeoutExpired):
                 pass
-        self.popen.wait()
 
     def read(self, name):
         """A file of the peer's directory as text, "" while it is missing."""
@@ -141,8 +138,7 @@ class Peer:
 
 
 def binary(variable, relative):
-    path = os.environ.get(variable) or os.path.join(_SOURCE, "build",
-                                                    relative)
+    path = os.environ.get(variable) or os.path.join(_SOURCE, "build", relative)
     if not os.access(path, os.X_OK):
         raise unittest.SkipTest("%s not built (%s)" % (relative, path))
     return path
@@ -159,7 +155,7 @@ def require(*tools, root=False):
 
 def loadgen(*args):
     out = run_tool([binary("VANTRELO_LOADGEN", "tools/vantrelo-loadgen")] +
-                   list(args), 60).stdout
+                   list(args), 60)
     if not re.search(r"Sent \d+ events, \d+ bytes in [\d.]+ seconds", out):
         raise PeerError("unexpected load generator output: %r" % out)
 
@@ -168,13 +164,12 @@ def send_file(tool, path, target):
     # Sends a Frame Streams file with fstrm_replay (bidirectional) or the
     # dnstap tool to a (host, port) or a Unix socket path.
     require(tool)
+    unix = isinstance(target, str)
     if tool == "fstrm_replay":
-        where = ["-t", dr.CONTENT_TYPE.decode()] + (
-            ["-u", target] if isinstance(target, str) else
-            ["-a", target[0], "-p", target[1]])
+        where = ["-t", frames.CONTENT_TYPE.decode()] + (
+            ["-u", target] if unix else ["-a", target[0], "-p", target[1]])
     else:
-        where = ["-U", target] if isinstance(target, str) else \
-            ["-T", "%s:%d" % target]
+        where = ["-U", target] if unix else ["-T", "%s:%d" % target]
     run_tool([tool, "-r", path] + where)
 
 
@@ -190,20 +185,21 @@ def parse_metrics(line):
 
 
 class Agent(Peer):
-    # `vantrelo run` on a configuration given as lines; start() waits until it
-    # listens on every port (int) and Unix socket path (str) named. Restartable
-    # in the same directory, so a second run loads the queue file of the first.
-    # Not thread-safe.
+    # `vantrelo run` (or another run command) on a configuration given as
+    # lines; start() waits until it listens on every port (int) and Unix socket
+    # path (str) named. Restartable in the same directory, so a second run
+    # loads the queue file of the first. Not thread-safe.
 
     name = "vantrelo"
 
-    def __init__(self, config_lines, listening=()):
+    def __init__(self, config_lines, listening=(), command="run"):
         self.config_lines, self.ready_on = config_lines, listening
+        self.command = command
 
     def start(self):
         config = self.write("vantrelo.conf", "\n".join(self.config_lines))
-        self.spawn([binary("VANTRELO_BIN", "src/app/vantrelo"), "run", config],
-                   lambda: all(map(listening, self.ready_on)),
+        self.spawn([binary("VANTRELO_BIN", "src/app/vantrelo"), self.command,
+                    config], lambda: all(map(listening, self.ready_on)),
                    "vantrelo listening")
 
     def stop(self):
@@ -262,10 +258,10 @@ class RelayTest(unittest.TestCase):
         path = os.path.join(self.directory,
                             "load-%d.fstrm" % len(os.listdir(self.directory)))
         loadgen("--write", path, "--count", count, "--seed", seed, *options)
-        return path, dr.read_payloads(path)
+        return path, frames.read_payloads(path)
 
-    def agent(self, forward_to, options="", *settings, listener="",
-              unix=None):
+    def agent(self, forward_to, options="", *settings, listener="", unix=None,
+              command="run"):
         # The agent listening on self.port (and on the Unix socket unix),
         # forwarding dnstap (unless settings name a message-format) to a (host,
         # port) with the forwarder options, reporting every second.
@@ -276,7 +272,7 @@ class RelayTest(unittest.TestCase):
             lines.append("message-format dnstap")
         if unix:
             lines.append("listener unix " + unix)
-        return Agent(lines, [self.port] + ([unix] if unix else []))
+        return Agent(lines, [self.port] + ([unix] if unix else []), command)
 
     def replay(self, path):
         send_file("fstrm_replay", path, (LOOPBACK, self.port))

@@ -2,14 +2,11 @@
 # dnstap (in the foreground, inside their directory, answering only from a
 # local zone), collectors, and dig.
 
-import calendar
-import ipaddress
 import json
 import re
 import signal
-import time
 
-import dnstap_records as dr
+import frames
 from harness import LOOPBACK, Peer, free_port, listening, run_tool
 
 ZONE = "example.test."
@@ -64,8 +61,6 @@ class UnboundServer(_TcpPeer):
     dnstap-tls: no
     dnstap-send-identity: yes
     dnstap-identity: "unbound-peer"
-    dnstap-send-version: yes
-    dnstap-version: "unbound-peer-1"
     dnstap-log-client-query-messages: yes
     dnstap-log-client-response-messages: yes
 """)
@@ -97,7 +92,6 @@ mod-dnstap:
   - id: tap
     sink: "unix:{self.dnstap_unix}"
     identity: "knot-peer"
-    version: "knot-peer-1"
     log-queries: on
     log-responses: on
 template:
@@ -117,22 +111,32 @@ zone:
 
 
 class FstrmCapture(_TcpPeer):
-    # fstrm_capture writing every frame to a file, which it completes only when
-    # it closes it: stop() ends it with SIGINT and reads the file into
-    # payloads, so stop the sender first to have every frame.
+    # fstrm_capture writing every frame to a file (output, or one of its own),
+    # which it completes only when it closes it: stop() ends it with SIGINT and
+    # reads the file into payloads, so stop the sender first.
 
     name = "fstrm-capture"
     payloads = None
 
+    def __init__(self, output=None):
+        self.output = output
+
     def start(self):
-        self.spawn_listening(["fstrm_capture", "-t", dr.CONTENT_TYPE.decode(),
-                              "-w", self.path("capture.fstrm"),
+        self.output = self.output or self.path("capture.fstrm")
+        self.spawn_listening(["fstrm_capture", "-t",
+                              frames.CONTENT_TYPE.decode(), "-w", self.output,
                               "-a", LOOPBACK, "-p", self.port])
 
     def stop(self):
         if self.popen is not None:
             super().stop(signal.SIGINT)
-            self.payloads = dr.read_payloads(self.path("capture.fstrm"))
+            self.payloads = frames.read_payloads(self.output)
+
+
+def dnstap_objects(path):
+    """The records of a Frame Streams file as the dnstap tool shows them."""
+    return [json.loads(line) for line in
+            run_tool(["dnstap", "-r", path, "-j"]).splitlines()]
 
 
 class DnstapListener(_TcpPeer):
@@ -145,35 +149,9 @@ class DnstapListener(_TcpPeer):
         self.spawn_listening(["dnstap", "-j", "-w", self.path("dnstap.json"),
                               "-l", "%s:%d" % self.address])
 
-    def objects(self):
-        """The objects received so far, but a line still being written."""
-        return [json.loads(line) for line in
-                self.read("dnstap.json").split("\n")[:-1] if line.strip()]
-
-
-def json_to_record(obj):
-    # A `dnstap -j` object as a DnstapRecord. The tool shows DNS messages only
-    # as text, so those two fields stay empty: the relayed messages are
-    # compared byte for byte at fstrm_capture.
-    message = obj["message"]
-    fields = {key: obj.get(key, "").encode()
-              for key in ("identity", "version", "extra")}
-    fields["type"] = dr.MESSAGE_TYPES.index(message["type"]) + 1
-    for key, names in (("socket_family", ["INET", "INET6"]),
-                       ("socket_protocol", ["UDP", "TCP"])):
-        fields[key] = ([None] + names).index(message.get(key))
-    for side in ("query", "response"):
-        fields[side + "_port"] = message.get(side + "_port", 0)
-        if side + "_address" in message:
-            fields[side + "_address"] = ipaddress.ip_address(
-                message[side + "_address"]).packed
-        if side + "_time" in message:
-            whole, _, fraction = message[side + "_time"].rstrip(
-                "Z").partition(".")
-            fields[side + "_time_sec"] = calendar.timegm(
-                time.strptime(whole, "%Y-%m-%dT%H:%M:%S"))
-            fields[side + "_time_nsec"] = int(fraction.ljust(9, "0"))
-    return dr.DnstapRecord(**fields)
+    def lines(self):
+        """The lines received so far, but one still being written."""
+        return self.read("dnstap.json").split("\n")[:-1]
 
 
 class RsyslogCollector(_TcpPeer):
@@ -201,17 +179,11 @@ input(type="imtcp" address="{LOOPBACK}" port="{self.port}" ruleset="collect")
 
 
 def dig(port, name, qtype, tcp):
-    # One query through dig: (id, status, ["name TYPE data"]); status is None
-    # when nothing came back.
+    # One query through dig: (id, status, number of answers).
     out = run_tool(["dig", "@" + LOOPBACK, "-p", port, "+tries=1", "+time=2",
                     "+noall", "+comments", "+answer",
-                    "+tcp" if tcp else "+notcp", name, qtype],
-                   check=False).stdout
-    header = re.search(r"->>HEADER<<- opcode: \w+, status: (\w+), id: (\d+)",
-                       out)
-    answers = ["%s %s %s" % (f[0], f[3], f[4]) for f in
-               (line.split(None, 4) for line in out.splitlines()
-                if not line.startswith(";"))
-               if len(f) == 5 and f[2] == "IN"]
-    return (int(header.group(2)) if header else None,
-            header.group(1) if header else None, answers)
+                    "+tcp" if tcp else "+notcp", name, qtype])
+    status, ident = re.search(
+        r"->>HEADER<<- opcode: \w+, status: (\w+), id: (\d+)", out).groups()
+    return int(ident), status, sum(
+        1 for line in out.splitlines() if line and not line.startswith(";"))

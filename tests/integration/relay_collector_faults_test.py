@@ -64,7 +64,7 @@ class CollectorFaults(harness.RelayTest):
                 missing = [p for p in sent if p not in got]
                 log = relay.log()
                 self.assertLessEqual(len(missing), most_lost)
-                self.assertEqual(collector.connections, 2)
+                self.assertEqual(len(collector.handshakes), 2)
                 self.assertIn("Forwarder[0]: Connection error: ", log)
                 self.assertEqual(
                     "previous events back to the event queue" in log,

@@ -8,7 +8,7 @@ import threading
 import time
 
 import collectors
-import dnstap_records as dr
+import frames
 import harness
 
 FRAME_LIMIT = 1000
@@ -25,26 +25,21 @@ class FstrmClient(socket.socket):
 
     def control(self, kind, reply=None):
         """Sends a control frame; with reply, expects that one back."""
-        self.sendall(dr.control_frame(
-            kind, None if kind == dr.FSTRM_STOP else dr.CONTENT_TYPE))
-        buffer = bytearray()
-        while reply is not None and not (frame := dr.take_frame(buffer)):
-            chunk = self.recv(4096)
-            if not chunk:
-                raise harness.PeerError("closed before control %d" % reply)
+        self.sendall(frames.control_frame(
+            kind, None if kind == frames.FSTRM_STOP else frames.CONTENT_TYPE))
+        buffer, frame = bytearray(), None
+        while reply and not (frame := frames.take_frame(buffer)) and \
+                (chunk := self.recv(4096)):
             buffer += chunk
-        if reply is not None and frame[0] != reply:
+        if reply and (frame or (None,))[0] != reply:
             raise harness.PeerError("expected control %d: %r" % (reply, frame))
 
     def open(self):
-        self.control(dr.FSTRM_READY, dr.FSTRM_ACCEPT)
-        self.control(dr.FSTRM_START)
+        self.control(frames.FSTRM_READY, frames.FSTRM_ACCEPT)
+        self.control(frames.FSTRM_START)
 
     def send(self, payloads):
-        self.sendall(b"".join(map(dr.data_frame, payloads)))
-
-    def finish(self):
-        self.control(dr.FSTRM_STOP, dr.FSTRM_FINISH)
+        self.sendall(b"".join(map(frames.data_frame, payloads)))
 
 
 class SenderFaults(harness.RelayTest):
@@ -70,7 +65,7 @@ class SenderFaults(harness.RelayTest):
                 fourth.open()
         for index, sender in enumerate(senders):
             sender.send(self.payloads[index * 10:(index + 1) * 10])
-            sender.finish()
+            sender.control(frames.FSTRM_STOP, frames.FSTRM_FINISH)
         self.assertCountEqual(self.collector.wait_count(30),
                               self.payloads[:30])
         metrics = self.relay.wait_metrics(
@@ -81,16 +76,18 @@ class SenderFaults(harness.RelayTest):
 
     def test_bad_senders_end_alone(self):
         """Bad senders while a good one streams: each fails alone."""
-        stop = threading.Event()
+        sent, stop, finished = [], threading.Event(), threading.Event()
 
         def stream():
+            # Never silent for long, so the short read time-out spares it.
             with FstrmClient(self.port) as sender:
                 sender.open()
-                for start in range(0, len(self.payloads), 10):
+                while not stop.wait(0.1):
+                    start = len(sent) % len(self.payloads)
                     sender.send(self.payloads[start:start + 10])
-                    time.sleep(0.03)
-                stop.wait(harness.TIMEOUT)
-                sender.finish()
+                    sent.extend(self.payloads[start:start + 10])
+                sender.control(frames.FSTRM_STOP, frames.FSTRM_FINISH)
+                finished.set()
 
         streamer = threading.Thread(target=stream)
         streamer.start()
@@ -130,7 +127,8 @@ class SenderFaults(harness.RelayTest):
         self.assertTrue(self.relay.running())
         stop.set()
         streamer.join(harness.TIMEOUT)
-        self.assertEqual(self.collector.wait_count(200), self.payloads)
+        self.assertTrue(finished.is_set())
+        self.assertEqual(self.collector.wait_count(len(sent)), sent)
 
 
 if __name__ == "__main__":
