@@ -19,12 +19,10 @@ using testing::waitUntil;
 TEST(BackgroundLoggerTest, WaitEndsOnTheNextMultipleOfTheInterval) {
   // {now, interval, seconds to wait}
   const int64_t cases[][3] = {
-      {36045, 60, 15},     // 10:00:45 -> 10:01:00
-      {36060, 60, 60},     // exactly on a multiple: the next one
-      {36045, 600, 555},   // default interval: the next full ten minutes
-      {1709622542, 1, 1},  // every second
-      {7, 0, 1},           // an interval below 1 counts as 1
-      {-5, 60, 5},         // before the epoch still lands on a multiple
+      {36045, 60, 15},  // 10:00:45 -> 10:01:00
+      {36060, 60, 60},  // exactly on a multiple: the next one
+      {7, 0, 1},        // an interval below 1 counts as 1
+      {-5, 60, 5},      // before the epoch still lands on a multiple
   };
   for (const auto& c : cases) {
     EXPECT_EQ(BackgroundLogger::secondsUntilNextReport(c[0], static_cast<int32_t>(c[1])), c[2])

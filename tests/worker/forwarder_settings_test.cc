@@ -38,35 +38,37 @@ TEST(ForwarderSettingsTest, TargetAndOptions) {
   EXPECT_EQ(std::make_tuple(s.tls.enabled, s.tls.validate, s.tls.server_name, s.tls.store,
                             s.tls.subject, s.tls.thumbprint),
             std::make_tuple(true, false, "collector one", "MY", "agent", "00ff"));
+  // Recovery modes and client certificates: {returnCurrent, returnPrevious, present, automatic}.
+  const std::pair<const char*, std::tuple<bool, bool, bool, bool>> modes[] = {
+      {"", {true, false, false, false}},
+      {"recovery=drop", {false, false, false, false}},
+      {"recovery=durable", {true, true, false, false}},
+      {"tls-client-certificate=manual", {true, false, true, false}},
+      {"tls-client-certificate=auto", {true, false, true, true}},
+  };
+  for (const auto& [option, expected] : modes) {
+    s = parse(std::string("ipv4 127.0.0.1 1 ") + option);
+    EXPECT_EQ(std::make_tuple(s.returnCurrent, s.returnPrevious, s.tls.client_certificate,
+                              s.tls.client_certificate_auto),
+              expected)
+        << option;
+  }
 }
 
-TEST(ForwarderSettingsTest, RecoveryAndCertificateModes) {
-  struct Case {
-    const char* option;
-    bool returnCurrent, returnPrevious, certificate, automatic;
-  };
-  const Case cases[] = {
-      // clang-format off
-      {"", true, false, false, false}, {"recovery=drop", false, false, false, false},
-      {"recovery=best-effort", true, false, false, false},
-      {"recovery=durable", true, true, false, false},
-      {"tls-client-certificate=manual", true, false, true, false},
-      {"tls-client-certificate=auto", true, false, true, true}, }; for (const Case& c : cases) {
-      const ForwarderSettings s = parse(std::string("ipv4 127.0.0.1 1 ") + c.option);
-      EXPECT_EQ(std::make_tuple(s.returnCurrent, s.returnPrevious, s.tls.client_certificate,
-      s.tls.client_certificate_auto),
-      std::make_tuple(c.returnCurrent, c.returnPrevious, c.certificate, c.automatic)) << c.option; }
-      }  TEST(ForwarderSettingsTest, Errors) { struct Case { const char* value; const char* message;
-      }; const Case cases[] = { {"etw", "Invalid protocol"}, {"unix /tmp/s", "Invalid protocol"},
-      {"ipv4", "Invalid host"}, {"ipv4 h 65536", "Invalid port"}, {"ipv4 h port", "Invalid port"},
+TEST(ForwarderSettingsTest, Errors) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"etw", "Invalid protocol"},
+      {"unix /tmp/s", "Invalid protocol"},
+      {"ipv4", "Invalid host"},
+      {"ipv4 h 65536", "Invalid port"},
+      {"ipv4 h port", "Invalid port"},
       {"ipv4 h 1 batch-size", "Invalid parameter 'batch-size'"},
       {"ipv4 h 1 keepalive=5", "Unknown parameter 'keepalive'"},
       {"ipv4 h 1 max-connections=5", "Unknown parameter 'max-connections'"},
       {"ipv4 h 1 fstrm-data-frame-max-size=5", "Unknown parameter 'fstrm-data-frame-max-size'"},
       {"ipv4 h 1 tls-server-name=x", "Unknown parameter 'tls-server-name'"},
-      // clang-format on
   };
-  for (const Case& c : cases) EXPECT_EQ(parseError(c.value), c.message) << c.value;
+  for (const auto& [value, message] : cases) EXPECT_EQ(parseError(value), message) << value;
   // A value out of range or not understood names its option.
   for (const std::string value :
        {"ipv4 h 1 connect-timeout=0", "ipv4 h 1 connect-timeout=121", "ipv4 h 1 read-timeout=200",

@@ -32,6 +32,9 @@ std::string readToEnd(net::Socket& socket) {
   return out;
 }
 
+// Garbage, an oversized frame, a close mid-frame and a silent sender (keepalive + 1 read
+// time-outs) are each a bad sender of relay_sender_faults_test.py, next to a good one that loses
+// nothing; fstrm_socket_test.cc checks their texts on both platforms.
 TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const std::string start = controlFrame(kStart, true);
   const std::string stop = controlFrame(kStop, false);  // its escape ends the data phase
@@ -39,7 +42,6 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   struct Case {
     const char* name;
     std::string input;
-    bool hangUp;  // the sender closes right after its input
     std::vector<std::string> events;
     std::string replies;
     std::string failure;  // empty: the stream ends cleanly
@@ -47,28 +49,20 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   // clang-format off
   const std::vector<Case> cases = {
       {"unidirectional gets no replies", start + dataFrame(f100) + dataFrame(f200) +
-           dataFrame(f300) + stop, false, {f100, f200, f300}, "", ""},
+           dataFrame(f300) + stop, {f100, f200, f300}, "", ""},
       {"bidirectional gets ACCEPT and FINISH", controlFrame(kReady, true) + start +
-           dataFrame("xyz") + stop, false, {"xyz"},
+           dataFrame("xyz") + stop, {"xyz"},
            controlFrame(kAccept, true) + controlFrame(kFinish, false), ""},
-      {"START without content type", controlFrame(kStart, false), false, {}, "",
+      {"START without content type", controlFrame(kStart, false), {}, "",
            "Expected content type of protobuf:dnstap.Dnstap but did not get it"},
-      {"READY followed by STOP", controlFrame(kReady, true) + controlFrame(kStop, true), false,
-           {}, controlFrame(kAccept, true), "Unexpected control message type 3"},
-      {"READY instead of STOP", start + dataFrame("q") + controlFrame(kReady, false), false,
-           {"q"}, "", "Unexpected control message type 4"},
-      {"oversized data frame", start + dataFrame("ok") + dataFrame(f300 + "+"), false, {"ok"},
-           "", "Data frame length 301 is larger than the configured limit 300"},
-      {"close in the middle of a frame", start + dataFrame(f100).substr(0, 14), true, {}, "",
-           "recv() failed: socket closed"},
-      {"garbage", "GET / HTTP/1.1\r\n\r\n", false, {}, "",
-           "Expected control message preamble of 0 but got 1195725856"},
+      {"READY followed by STOP", controlFrame(kReady, true) + controlFrame(kStop, true), {},
+           controlFrame(kAccept, true), "Unexpected control message type 3"},
+      {"READY instead of STOP", start + dataFrame("q") + controlFrame(kReady, false), {"q"}, "",
+           "Unexpected control message type 4"},
   };
   // clang-format on
   LogRecorder log;
-  listener::ListenerSettings settings = testing::loopbackListener(30);
-  settings.fstrm.dataFrameMaxSize = 300;
-  testing::RunningListener running(settings);
+  testing::RunningListener running(testing::loopbackListener(30));
   testing::Sender bystander(running.target(), true);  // receiver 0, idle throughout
   for (uint32_t id = 1; id <= cases.size(); ++id) {
     const Case& c = cases[id - 1];
@@ -77,40 +71,32 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
     sender.connect();
     const uint16_t port = sender.localPort();
     sender.send(c.input.data(), c.input.size());
-    if (c.hangUp) sender.close();
     const std::string prefix = "Receiver[" + std::to_string(id) + "]";
     ASSERT_TRUE(
         waitUntil([&] { return log.contains("I Listener[0]: " + prefix + " Is finished"); }));
-    EXPECT_EQ(c.hangUp ? "" : readToEnd(sender), c.replies);
+    EXPECT_EQ(readToEnd(sender), c.replies);
     // The port is shown as the socket address holds it, in network byte order.
     EXPECT_TRUE(log.contains("I " + prefix + ": Handling connection from 127.0.0.1:" +
                              std::to_string(static_cast<uint16_t>((port >> 8) | (port << 8)))));
     EXPECT_EQ(testing::drain(running.queue), c.events);
     std::vector<std::string> expected;
-    if (!c.failure.empty())
+    if (!c.failure.empty()) {
       expected.push_back("E " + prefix + ": Process loop failed: " + c.failure);
+    }
     EXPECT_EQ(testing::linesStartingWith(log, "E " + prefix), expected);
   }
   bystander.send("still served");
   EXPECT_TRUE(waitUntil([&] { return running.queue.count() == 1; }));
   EXPECT_EQ(running.listener.activeReceivers(), 1u);
-}
-
-TEST(ReceiverTest, GivesUpASilentSenderAfterKeepalivePlusOneTimeouts) {
-  LogRecorder log;
-  testing::RunningListener running(testing::loopbackListener(1));  // 1 s read time-outs
-  const auto started = std::chrono::steady_clock::now();
-  net::Socket sender(1, running.target());
-  sender.connect();
-  const std::string start = controlFrame(kStart, true);
-  sender.send(start.data(), start.size());
-  ASSERT_TRUE(waitUntil([&] { return running.listener.accepts() == 1; }));
-  ASSERT_TRUE(waitUntil([&] { return running.listener.activeReceivers() == 0; }));
-  const double elapsed =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  EXPECT_GE(elapsed, 1.9);
-  EXPECT_LT(elapsed, 3.5);
-  EXPECT_TRUE(log.contains("E Receiver[0]: Process loop failed: Connection timed out"));
+  // A stop ends the receivers still connected, promptly; one told to stop does not report itself
+  // finished to a listener tearing it down.
+  const auto stopped = std::chrono::steady_clock::now();
+  running.listener.stop();
+  running.listener.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
+  EXPECT_TRUE(log.contains("I Receiver[0]: Finished process loop"));
+  EXPECT_FALSE(log.contains("I Listener[0]: Receiver[0] Is finished"));
+  EXPECT_TRUE(log.contains("I Listener[0]: Finished process loop"));
 }
 
 }  // namespace

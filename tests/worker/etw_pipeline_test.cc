@@ -1,0 +1,110 @@
+// Captured events end to end: DNS Server provider events, built the way the provider raises
+// them, go through the decoder, the pusher, the queue and a forwarder in each text format, and
+// come out as the exact lines a collector gets. Runs on every platform; only the trace session
+// itself needs Windows.
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <string>
+
+#include "etw/event_decoder.h"
+#include "etw/windows_version.h"
+#include "event/event_queue.h"
+#include "event_builder.h"
+#include "worker/event_pusher.h"
+#include "worker/forwarder.h"
+#include "worker_test_support.h"
+
+namespace ns::worker {
+namespace {
+
+using format::MessageFormat;
+
+// 2024-03-05T07:09:02.25Z in 100-ns ticks since 1601.
+constexpr int64_t kTime = etw::kEpochOffset + 17096225420000000 + 2500000;
+
+// www.example.com IN A, id 0x1234, recursion desired.
+const std::string kQuery(
+    "\x12\x34\x01\x00\x00\x01\x00\x00\x00\x00\x00\x00"
+    "\x03www\x07"
+    "example\x03"
+    "com\x00\x00\x01\x00\x01",
+    33);
+// Its answer: 192.0.2.1 with a TTL of 300, the name compressed to the question's.
+const std::string kResponse(
+    "\x12\x34\x81\x80\x00\x01\x00\x01\x00\x00\x00\x00"
+    "\x03www\x07"
+    "example\x03"
+    "com\x00\x00\x01\x00\x01"
+    "\xc0\x0c\x00\x01\x00\x01\x00\x00\x01\x2c\x00\x04\xc0\x00\x02\x01",
+    49);
+
+// Decodes a client query (256) and its response (257), both over UDP from 198.51.100.7:53000
+// to 192.0.2.53, formats them with `format` and returns what the forwarder printed.
+std::string relayCapturedPair(MessageFormat format) {
+  etw::EtwSettings etwSettings;
+  etwSettings.windowsVersion = etw::kWindows2019;
+  etw::EventDecoder decoder(etwSettings, "dns1.example");
+  event::queue::EventQueue queue(event::queue::QueueOptions{1 << 16, false, ""});
+  EventPusher pusher(queue);
+  decoder.setHandler(&EventPusher::handle, &pusher);
+  etw::testing::EventValues values;
+  values.time = kTime;
+  values.message = kQuery;
+  decoder.handleEvent(etw::testing::buildEvent(256, etw::kWindows2019, values));
+  values.message = kResponse;
+  decoder.handleEvent(etw::testing::buildEvent(257, etw::kWindows2019, values));
+
+  format::MessageSettings messages;
+  messages.format = format;
+  messages.hostname = "relay-test";
+  messages.process_id = 4242;
+  messages.suffixes.build_builtin_set(true);
+  forwarder::ForwarderSettings settings = forwarder::parse("ipv4 127.0.0.1 9");
+  settings.toStdout = true;
+  std::FILE* output = std::tmpfile();
+  forwarder::Forwarder forwarder(1, settings, queue, messages, output);
+  forwarder.start();
+  EXPECT_TRUE(testing::waitUntil([&] { return forwarder.eventsSent() == 2; }));
+  forwarder.stop();
+  forwarder.join();
+  std::string printed(static_cast<size_t>(std::ftell(output)), '\0');
+  std::rewind(output);
+  EXPECT_EQ(std::fread(printed.data(), 1, printed.size(), output), printed.size());
+  std::fclose(output);
+  return printed;
+}
+
+TEST(EtwPipelineTest, CapturedEventsReachTheCollectorAsExactLines) {
+  const struct {
+    MessageFormat format;
+    const char* lines;
+  } cases[] = {
+      {MessageFormat::kQuerylog,
+       "<30>1 2024-03-05T07:09:02.250000Z relay-test vantrelo 4242 - - queries: client "
+       "198.51.100.7#53000: query: www.example.com. IN A + (192.0.2.53)\n"
+       "<30>1 2024-03-05T07:09:02.250000Z relay-test vantrelo 4242 - - queries: client "
+       "198.51.100.7#53000: response: www.example.com. IN A + (192.0.2.53) NOERROR; "
+       "www.example.com. 300 IN A 192.0.2.1\n"},
+      {MessageFormat::kJson,
+       R"({"timestamp":"2024-03-05T07:09:02.250000Z","host":"relay-test","schema":1,)"
+       R"("type":"client-query","data":{"client":"198.51.100.7","server":"192.0.2.53",)"
+       R"("port":53000,"proto":"UDP","size":33,"txid":4660,"flags":{"rd":true},)"
+       R"("qname":"www.example.com.","qdomain":"example.com.","qclass":"IN","qtype":"A"}})"
+       "\n"
+       R"({"timestamp":"2024-03-05T07:09:02.250000Z","host":"relay-test","schema":1,)"
+       R"("type":"client-response","data":{"client":"198.51.100.7","server":"192.0.2.53",)"
+       R"("port":53000,"proto":"UDP","size":49,"txid":4660,)"
+       R"("flags":{"rd":true,"ra":true,"aa":false,"tc":false},"qname":"www.example.com.",)"
+       R"("qdomain":"example.com.","qclass":"IN","qtype":"A","rcode":"NOERROR",)"
+       R"("answers":[{"name":"www.example.com.","domain":"example.com.","ttl":300,)"
+       R"("rrclass":"IN","rrtype":"A","data":"192.0.2.1"}],"authority":[],"additional":[]}})"
+       "\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(relayCapturedPair(c.format), c.lines);
+  }
+}
+
+}  // namespace
+}  // namespace ns::worker
