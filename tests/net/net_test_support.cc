@@ -28,11 +28,11 @@ const auto* const environment = ::testing::AddGlobalTestEnvironment(new NetworkE
 
 }  // namespace
 
-SocketSettings loopbackSettings(uint16_t port) {
+SocketSettings loopbackSettings(uint16_t port, uint32_t timeout) {
   SocketSettings settings;
   settings.unix = false;
   settings.port = port;
-  settings.connectTimeout = settings.readTimeout = settings.writeTimeout = 2;
+  settings.connectTimeout = settings.readTimeout = settings.writeTimeout = timeout;
   return settings;
 }
 
@@ -86,6 +86,21 @@ LoopbackPair::LoopbackPair(const SocketSettings& settings) {
   server = acceptOne(*listener);
 }
 
+TlsPair::TlsPair(const tls::TlsSettings& serverSide, const tls::TlsSettings& clientSide,
+                 const std::string& serverName)
+    : server(serverName, serverSide, *pair.server), client("client", clientSide, *pair.client) {}
+
+std::pair<std::string, std::string> TlsPair::handshake() {
+  std::string serverError;
+  std::thread thread([&] {
+    if ((serverError = errorOf([&] { server.handshake(); })) != "(no error)") pair.server->close();
+  });
+  const std::string clientError = errorOf([&] { client.handshake(); });
+  if (clientError != "(no error)") pair.client->close();
+  thread.join();
+  return {serverError, clientError};
+}
+
 bool LogRecorder::write(log::Level level, const std::string& message) {
   static const char* const kPrefixes[] = {"E ", "I ", "W "};  // in the order of log::Level
   std::lock_guard<std::mutex> lock(mutex_);
@@ -110,8 +125,8 @@ bool LogRecorder::containsPrefix(const std::string& prefix) const {
 }
 
 #ifndef _WIN32
-ChildProcess::ChildProcess(const std::string& command, const std::string& logFile) {
-  const std::string line = "exec " + command + " >" + logFile + " 2>&1";
+ChildProcess::ChildProcess(const std::string& command) {
+  const std::string line = "exec " + command;
   pid_ = ::fork();
   if (pid_ == 0) {
     ::execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
@@ -144,11 +159,11 @@ std::string makeTempDirectory(const std::string& tag) {
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
   return pattern;
 }
+#endif
 
 std::string readFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
-#endif
 
 }  // namespace ns::net::testing

@@ -6,15 +6,17 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "encoding/log.h"
 #include "net/socket.h"
+#include "net/tls_socket.h"
 
 namespace ns::net::testing {
 
 // Settings for a TCP socket on 127.0.0.1 with short time-outs.
-SocketSettings loopbackSettings(uint16_t port = 0);
+SocketSettings loopbackSettings(uint16_t port = 0, uint32_t timeout = 2);
 // A loopback port nobody listens on: that of a listener just closed.
 uint16_t unusedPort();
 // Waits up to a few seconds for a pending connection and accepts it.
@@ -31,6 +33,17 @@ std::string be32(uint32_t value);
 struct LoopbackPair {
   explicit LoopbackPair(const SocketSettings& settings = loopbackSettings());
   std::unique_ptr<Socket> listener, client, server;
+};
+
+// TLS sessions at both ends of one loopback connection, the server's named `serverName`.
+struct TlsPair {
+  TlsPair(const tls::TlsSettings& serverSide, const tls::TlsSettings& clientSide,
+          const std::string& serverName = "server");
+  // Runs both handshakes at once; returns the server's and the client's error texts, each
+  // "(no error)" on success. A side that fails closes its socket, ending the other's wait.
+  std::pair<std::string, std::string> handshake();
+  LoopbackPair pair;
+  tls::TlsSocket server, client;
 };
 
 // Records every log line, prefixed "E ", "W " or "I ", while it is installed.
@@ -50,11 +63,11 @@ class LogRecorder : public log::SystemLog {
 };
 
 #ifndef _WIN32
-// A command run through /bin/sh with its output in `logFile`; ended with SIGTERM and reaped when
-// the object goes away.
+// A command line (redirections included) run through /bin/sh; ended with SIGTERM and reaped
+// when the object goes away.
 class ChildProcess {
  public:
-  ChildProcess(const std::string& command, const std::string& logFile);
+  explicit ChildProcess(const std::string& command);
   ~ChildProcess() { stop(); }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -67,7 +80,8 @@ class ChildProcess {
 };
 
 std::string makeTempDirectory(const std::string& tag);
-std::string readFile(const std::string& path);
 #endif
+// The whole file; empty when it cannot be read.
+std::string readFile(const std::string& path);
 
 }  // namespace ns::net::testing
