@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "net/net_settings.h"
 #include "net/socket_platform.h"
 
 namespace ns::net::sys {
@@ -50,6 +51,24 @@ inline std::string numericText(const SocketAddress& address) {
                 sizeof text);
   }
   return text;
+}
+
+// The port of an IPv4 or IPv6 address as it is stored (network byte order); 0 for others.
+inline uint16_t storedPort(const sockaddr_storage& storage) {
+  if (storage.ss_family == AF_INET6) {
+    return reinterpret_cast<const sockaddr_in6*>(&storage)->sin6_port;
+  }
+  if (storage.ss_family == AF_INET) return reinterpret_cast<const sockaddr_in*>(&storage)->sin_port;
+  return 0;
+}
+
+// Fills the IP fields of a peer from its address and the address's numeric host text.
+inline void setIpPeer(PeerAddress& out, const sockaddr_storage& storage, const char* host) {
+  out.host = host;
+  out.ipv6 = storage.ss_family == AF_INET6;
+  // A link-local peer carries its scope ("%eth0"); the address text never does.
+  if (out.ipv6) out.host = out.host.substr(0, out.host.find('%'));
+  out.port = storedPort(storage);
 }
 
 }  // namespace ns::net::sys

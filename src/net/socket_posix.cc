@@ -207,15 +207,7 @@ const char* peer(uintptr_t handle, bool unix, PeerAddress& out, int& error) {
     error = result == EAI_SYSTEM ? errno : EINVAL;
     return "getnameinfo";
   }
-  out.host = host;
-  if (storage.ss_family == AF_INET6) {
-    out.ipv6 = true;
-    // A link-local peer carries its scope ("%eth0"); the address text never does.
-    out.host = out.host.substr(0, out.host.find('%'));
-    out.port = reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port;
-  } else {
-    out.port = reinterpret_cast<sockaddr_in*>(&storage)->sin_port;
-  }
+  setIpPeer(out, storage, host);
   return nullptr;
 }
 
@@ -223,12 +215,7 @@ uint16_t localPort(uintptr_t handle) {
   sockaddr_storage storage{};
   socklen_t length = sizeof storage;
   if (::getsockname(fd(handle), reinterpret_cast<sockaddr*>(&storage), &length) != 0) return 0;
-  if (storage.ss_family == AF_INET6) {
-    return ntohs(reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
-  }
-  if (storage.ss_family == AF_INET)
-    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
-  return 0;
+  return ntohs(storedPort(storage));
 }
 
 void removeSocketFile(const std::string& path) {

@@ -214,14 +214,7 @@ const char* peer(uintptr_t handle, bool unix, PeerAddress& out, int& error) {
     error = WSAGetLastError();
     return "getnameinfo";
   }
-  out.host = host;
-  if (storage.ss_family == AF_INET6) {
-    out.ipv6 = true;
-    out.host = out.host.substr(0, out.host.find('%'));
-    out.port = reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port;
-  } else {
-    out.port = reinterpret_cast<sockaddr_in*>(&storage)->sin_port;
-  }
+  setIpPeer(out, storage, host);
   return nullptr;
 }
 
@@ -231,12 +224,7 @@ uint16_t localPort(uintptr_t handle) {
   if (::getsockname(sock(handle), reinterpret_cast<sockaddr*>(&storage), &length) == SOCKET_ERROR) {
     return 0;
   }
-  if (storage.ss_family == AF_INET6) {
-    return ntohs(reinterpret_cast<sockaddr_in6*>(&storage)->sin6_port);
-  }
-  if (storage.ss_family == AF_INET)
-    return ntohs(reinterpret_cast<sockaddr_in*>(&storage)->sin_port);
-  return 0;
+  return ntohs(storedPort(storage));
 }
 
 void removeSocketFile(const std::string& path) {
