@@ -41,9 +41,9 @@ std::vector<uint8_t> typical_response() {
 
 void BM_ParseTypicalResponse(benchmark::State& state) {
   std::vector<uint8_t> bytes = typical_response();
-  ns::net::dns::DnsMessage message;
+  vantrelo::net::dns::DnsMessage message;
   for (auto _ : state) {
-    ns::net::dns::parse(bytes.data(), static_cast<uint32_t>(bytes.size()), message, true);
+    vantrelo::net::dns::parse(bytes.data(), static_cast<uint32_t>(bytes.size()), message, true);
     benchmark::DoNotOptimize(message.answers.size);
   }
   if (!message.error.empty() || message.answers.size != 2) state.SkipWithError("bad parse");
@@ -51,7 +51,7 @@ void BM_ParseTypicalResponse(benchmark::State& state) {
 BENCHMARK(BM_ParseTypicalResponse);
 
 void BM_DomainOffset(benchmark::State& state) {
-  ns::net::dns::DomainSuffixes suffixes;
+  vantrelo::net::dns::DomainSuffixes suffixes;
   suffixes.build_builtin_set(true);
   const std::string name = "host.mail.example.co.uk.";
   for (auto _ : state) {

@@ -9,7 +9,7 @@
 
 namespace {
 
-using ns::encoding::dnstap::DnstapMessage;
+using vantrelo::encoding::dnstap::DnstapMessage;
 
 // www.example.com. IN A, with an EDNS OPT record: 44 bytes.
 const char kQuery[] =
@@ -29,9 +29,10 @@ DnstapMessage makeRecord(bool response) {
   DnstapMessage m;
   m.identity = "dns01";
   m.version = "2.4.4";
-  m.type = response ? ns::encoding::dnstap::kClientResponse : ns::encoding::dnstap::kClientQuery;
-  m.socket_family = ns::encoding::dnstap::kFamilyInet;
-  m.socket_protocol = ns::encoding::dnstap::kProtocolUdp;
+  m.type = response ? vantrelo::encoding::dnstap::kClientResponse
+                    : vantrelo::encoding::dnstap::kClientQuery;
+  m.socket_family = vantrelo::encoding::dnstap::kFamilyInet;
+  m.socket_protocol = vantrelo::encoding::dnstap::kProtocolUdp;
   m.query_address = std::string("\xc0\x00\x02\x0a", 4);
   m.response_address = std::string("\xc0\x00\x02\x35", 4);
   m.query_port = 53124;

@@ -12,15 +12,15 @@ namespace {
 
 constexpr uint32_t kEventBytes = 100;
 
-ns::event::queue::QueueOptions benchOptions() {
-  ns::event::queue::QueueOptions options;
+vantrelo::event::queue::QueueOptions benchOptions() {
+  vantrelo::event::queue::QueueOptions options;
   options.size = 1 << 20;
   options.recovery = false;
   return options;
 }
 
 void BM_PushPopSingleThread(benchmark::State& state) {
-  ns::event::queue::EventQueue queue(benchOptions());
+  vantrelo::event::queue::EventQueue queue(benchOptions());
   const std::string event(kEventBytes, 'e');
   const auto* data = reinterpret_cast<const uint8_t*>(event.data());
   std::string out;
@@ -39,7 +39,7 @@ BENCHMARK(BM_PushPopSingleThread);
 // The timed thread produces; a consumer thread pops in batches until every event is accounted
 // for as popped or dropped.
 void BM_ProducerConsumer(benchmark::State& state) {
-  ns::event::queue::EventQueue queue(benchOptions());
+  vantrelo::event::queue::EventQueue queue(benchOptions());
   const std::string event(kEventBytes, 'e');
   const auto* data = reinterpret_cast<const uint8_t*>(event.data());
   std::atomic<bool> producing{true};

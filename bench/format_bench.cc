@@ -10,11 +10,11 @@
 
 namespace {
 
-using ns::encoding::dnstap::DnstapMessage;
-using ns::format::MessageFormat;
-using ns::format::MessageFormatter;
-using ns::format::MessageSettings;
-using ns::format::MessageView;
+using vantrelo::encoding::dnstap::DnstapMessage;
+using vantrelo::format::MessageFormat;
+using vantrelo::format::MessageFormatter;
+using vantrelo::format::MessageSettings;
+using vantrelo::format::MessageView;
 
 std::string responseWire() {
   // id 0x1234, QR RD RA, one question www.example.com A IN, one answer by pointer.
@@ -66,7 +66,7 @@ void formatView(benchmark::State& state, MessageFormat format) {
   MessageFormatter formatter(settings(format));
   const DnstapMessage record = clientResponse();
   MessageView view;
-  ns::format::make_view(record, view);
+  vantrelo::format::make_view(record, view);
   std::string out;
   for (auto _ : state) {
     out.clear();

@@ -8,18 +8,18 @@
 #include "encoding/text_encoding.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using ns::encoding::base64::Base64Error;
+  using vantrelo::encoding::base64::Base64Error;
   std::string decoded;
   try {
-    ns::encoding::base64::base64Decode(decoded, reinterpret_cast<const char*>(data), size);
+    vantrelo::encoding::base64::base64Decode(decoded, reinterpret_cast<const char*>(data), size);
   } catch (const Base64Error&) {
     return 0;
   }
   std::string text;
-  ns::encoding::base64::base64Encode(text, reinterpret_cast<const uint8_t*>(decoded.data()),
-                                     decoded.size());
+  vantrelo::encoding::base64::base64Encode(text, reinterpret_cast<const uint8_t*>(decoded.data()),
+                                           decoded.size());
   std::string again;
-  ns::encoding::base64::base64Decode(again, text.data(), text.size());
+  vantrelo::encoding::base64::base64Decode(again, text.data(), text.size());
   if (again != decoded) std::abort();
   return 0;
 }

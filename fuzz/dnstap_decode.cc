@@ -10,8 +10,8 @@
 
 namespace {
 
-bool sameRecord(const ns::encoding::dnstap::DnstapMessage& a,
-                const ns::encoding::dnstap::DnstapMessage& b) {
+bool sameRecord(const vantrelo::encoding::dnstap::DnstapMessage& a,
+                const vantrelo::encoding::dnstap::DnstapMessage& b) {
   return a.identity == b.identity && a.version == b.version && a.extra == b.extra &&
          a.type == b.type && a.socket_family == b.socket_family &&
          a.socket_protocol == b.socket_protocol && a.query_address == b.query_address &&
@@ -25,8 +25,8 @@ bool sameRecord(const ns::encoding::dnstap::DnstapMessage& a,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using ns::encoding::dnstap::DnstapError;
-  using ns::encoding::dnstap::DnstapMessage;
+  using vantrelo::encoding::dnstap::DnstapError;
+  using vantrelo::encoding::dnstap::DnstapMessage;
   if (size > UINT32_MAX) return 0;
   static DnstapMessage record;  // reused, as a forwarder does
   try {

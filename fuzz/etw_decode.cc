@@ -17,25 +17,25 @@
 
 namespace {
 
-class FuzzEvent : public ns::etw::EventRecordView {
+class FuzzEvent : public vantrelo::etw::EventRecordView {
  public:
   uint16_t eventId() const override { return id; }
   int64_t timeStamp() const override { return time; }
   uint32_t propertyCount() const override { return static_cast<uint32_t>(properties.size()); }
-  ns::etw::PropertyInfo property(uint32_t index) const override { return properties[index]; }
+  vantrelo::etw::PropertyInfo property(uint32_t index) const override { return properties[index]; }
   const uint8_t* userData() const override { return data; }
   uint32_t userDataLength() const override { return size; }
 
   uint16_t id = 0;
   int64_t time = 0;
-  std::vector<ns::etw::PropertyInfo> properties;
+  std::vector<vantrelo::etw::PropertyInfo> properties;
   const uint8_t* data = nullptr;
   uint32_t size = 0;
 };
 
 // A decoded record must be self-consistent: the family says how long the client address is.
-void check(ns::encoding::dnstap::DnstapMessage& message, void* context) {
-  size_t expected = message.socket_family == ns::encoding::dnstap::kFamilyInet6 ? 16 : 4;
+void check(vantrelo::encoding::dnstap::DnstapMessage& message, void* context) {
+  size_t expected = message.socket_family == vantrelo::encoding::dnstap::kFamilyInet6 ? 16 : 4;
   if (message.query_address.size() != expected || message.query_port > 65535) std::abort();
   ++*static_cast<size_t*>(context);
 }
@@ -44,7 +44,7 @@ void check(ns::encoding::dnstap::DnstapMessage& message, void* context) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size < 3) return 0;
-  ns::etw::EtwSettings settings;
+  vantrelo::etw::EtwSettings settings;
   settings.windowsVersion = 1 + data[0] % 5;
   settings.resolverQuery = true;
   settings.resolverResponse = true;
@@ -59,12 +59,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   event.data = data + offset;
   event.size = static_cast<uint32_t>(size - offset);
 
-  ns::etw::EventDecoder decoder(settings, "fuzz");
+  vantrelo::etw::EventDecoder decoder(settings, "fuzz");
   size_t decoded = 0;
   decoder.setHandler(&check, &decoded);
   try {
     decoder.handleEvent(event);
-  } catch (const ns::error::UnknownError&) {
+  } catch (const vantrelo::error::UnknownError&) {
   }
   return 0;
 }

@@ -13,8 +13,8 @@
 
 namespace {
 
-using ns::format::MessageFormat;
-using ns::format::MessageSettings;
+using vantrelo::format::MessageFormat;
+using vantrelo::format::MessageSettings;
 
 MessageSettings makeSettings(MessageFormat format, bool extended, bool trailingDot) {
   MessageSettings settings;
@@ -35,16 +35,18 @@ struct Formatters {
       makeSettings(MessageFormat::kQuerylog, true, true),
       makeSettings(MessageFormat::kDnstap, false, true),
   };
-  ns::format::MessageFormatter formatters[4] = {
-      ns::format::MessageFormatter(settings[0]), ns::format::MessageFormatter(settings[1]),
-      ns::format::MessageFormatter(settings[2]), ns::format::MessageFormatter(settings[3])};
+  vantrelo::format::MessageFormatter formatters[4] = {
+      vantrelo::format::MessageFormatter(settings[0]),
+      vantrelo::format::MessageFormatter(settings[1]),
+      vantrelo::format::MessageFormatter(settings[2]),
+      vantrelo::format::MessageFormatter(settings[3])};
 };
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static Formatters* all = new Formatters();
-  static ns::encoding::dnstap::DnstapMessage record;
+  static vantrelo::encoding::dnstap::DnstapMessage record;
   std::string out;
   for (auto& formatter : all->formatters) {
     const size_t before = out.size();

@@ -16,9 +16,9 @@
 
 namespace {
 
-using ns::net::Socket;
-using ns::net::SocketSettings;
-using namespace ns::net::fstrm;
+using vantrelo::net::Socket;
+using vantrelo::net::SocketSettings;
+using namespace vantrelo::net::fstrm;
 
 SocketSettings loopback() {
   SocketSettings settings;
@@ -32,16 +32,16 @@ SocketSettings loopback() {
 }
 
 // Connection lines for every input would drown the fuzzer's own output.
-class QuietLog : public ns::log::SystemLog {
+class QuietLog : public vantrelo::log::SystemLog {
  public:
-  bool write(ns::log::Level, const std::string&) override { return true; }
+  bool write(vantrelo::log::Level, const std::string&) override { return true; }
 };
 
 Socket& listener() {
   static Socket* socket = [] {
     static QuietLog quiet;
-    ns::log::setSystemLog(&quiet);
-    ns::net::startNetworking();
+    vantrelo::log::setSystemLog(&quiet);
+    vantrelo::net::startNetworking();
     auto* s = new Socket(0, loopback());
     s->listen();
     return s;
@@ -84,7 +84,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     client.close();
   });
   {
-    ns::net::tls::TlsSocket tls(accepted->id(), ns::net::tls::TlsSettings(), *accepted);
+    vantrelo::net::tls::TlsSocket tls(accepted->id(), vantrelo::net::tls::TlsSettings(), *accepted);
     FstrmSettings limits;
     limits.controlFrameMaxSize = 512;
     limits.dataFrameMaxSize = 4096;

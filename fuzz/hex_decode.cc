@@ -9,17 +9,17 @@
 #include "encoding/text_encoding.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using ns::encoding::hex::HexError;
+  using vantrelo::encoding::hex::HexError;
   std::string decoded;
   try {
-    ns::encoding::hex::hexDecode(decoded, reinterpret_cast<const char*>(data), size);
+    vantrelo::encoding::hex::hexDecode(decoded, reinterpret_cast<const char*>(data), size);
   } catch (const HexError&) {
     return 0;
   }
   if (decoded.size() * 2 != size) std::abort();
   std::string text;
-  ns::encoding::hex::hexEncode(text, reinterpret_cast<const uint8_t*>(decoded.data()),
-                               decoded.size());
+  vantrelo::encoding::hex::hexEncode(text, reinterpret_cast<const uint8_t*>(decoded.data()),
+                                     decoded.size());
   for (size_t i = 0; i < size; ++i) {
     if (text[i] != std::toupper(data[i])) std::abort();
   }

@@ -31,14 +31,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     std::fclose(file);
     if (!written) return 0;
   }
-  ns::event::queue::QueueOptions options;
+  vantrelo::event::queue::QueueOptions options;
   options.size = 256;
   options.filename = path;
-  ns::event::queue::EventQueue queue(options);
+  vantrelo::event::queue::EventQueue queue(options);
   try {
-    ns::event::queue::load(queue);
-  } catch (const ns::event::queue::QueueError&) {
-  } catch (const ns::file::FileError&) {
+    vantrelo::event::queue::load(queue);
+  } catch (const vantrelo::event::queue::QueueError&) {
+  } catch (const vantrelo::file::FileError&) {
   }
   std::string out;
   while (queue.count() > 0) queue.pop(out);

@@ -28,7 +28,7 @@
 
 namespace {
 
-using ns::tools::loadgen::TrafficGenerator;
+using vantrelo::tools::loadgen::TrafficGenerator;
 
 constexpr char kUsage[] =
     "usage: vantrelo-loadgen (--tcp HOST:PORT | --unix PATH | --write FILE) [options]\n"
@@ -148,7 +148,7 @@ class FrameSink {
 class NetworkSink : public FrameSink {
  public:
   explicit NetworkSink(const Options& options) {
-    ns::net::SocketSettings settings;
+    vantrelo::net::SocketSettings settings;
     settings.connectTimeout = options.timeout;
     settings.readTimeout = options.timeout;
     settings.writeTimeout = options.timeout;
@@ -159,17 +159,17 @@ class NetworkSink : public FrameSink {
       settings.unix = false;
       parseAddress(options.tcp, settings);
     }
-    ns::net::fstrm::FstrmSettings fstrm;
+    vantrelo::net::fstrm::FstrmSettings fstrm;
     fstrm.bidirectional = !options.unidirectional;
-    ns::net::tls::TlsSettings tls;
+    vantrelo::net::tls::TlsSettings tls;
     tls.enabled = false;
-    socket_ = std::make_unique<ns::net::Socket>(1, settings);
-    tls_ = std::make_unique<ns::net::tls::TlsSocket>(1, tls, *socket_);
-    fstrm_ = std::make_unique<ns::net::fstrm::FstrmSocket>(1, fstrm, *socket_, *tls_);
+    socket_ = std::make_unique<vantrelo::net::Socket>(1, settings);
+    tls_ = std::make_unique<vantrelo::net::tls::TlsSocket>(1, tls, *socket_);
+    fstrm_ = std::make_unique<vantrelo::net::fstrm::FstrmSocket>(1, fstrm, *socket_, *tls_);
   }
 
   void open() override {
-    ns::net::startNetworking();
+    vantrelo::net::startNetworking();
     socket_->connect();
     fstrm_->open();
   }
@@ -182,7 +182,7 @@ class NetworkSink : public FrameSink {
   }
 
  private:
-  static void parseAddress(const std::string& text, ns::net::SocketSettings& settings) {
+  static void parseAddress(const std::string& text, vantrelo::net::SocketSettings& settings) {
     const size_t colon = text.rfind(':');
     if (colon == std::string::npos || colon == 0) {
       throw UsageError("--tcp needs HOST:PORT, got '" + text + "'");
@@ -198,9 +198,9 @@ class NetworkSink : public FrameSink {
     settings.port = static_cast<uint16_t>(port);
   }
 
-  std::unique_ptr<ns::net::Socket> socket_;
-  std::unique_ptr<ns::net::tls::TlsSocket> tls_;
-  std::unique_ptr<ns::net::fstrm::FstrmSocket> fstrm_;
+  std::unique_ptr<vantrelo::net::Socket> socket_;
+  std::unique_ptr<vantrelo::net::tls::TlsSocket> tls_;
+  std::unique_ptr<vantrelo::net::fstrm::FstrmSocket> fstrm_;
 };
 
 // A Frame Streams file: START with the content type, the data frames, STOP.
@@ -215,13 +215,13 @@ class FileSink : public FrameSink {
     file_ = std::fopen(path_.c_str(), "wb");
     if (file_ == nullptr) fail("fopen");
     std::string control;
-    appendControl(control, ns::net::fstrm::kControlStart, true);
+    appendControl(control, vantrelo::net::fstrm::kControlStart, true);
     put(control);
   }
   void write(const std::string& frames) override { put(frames); }
   void close() override {
     std::string control;
-    appendControl(control, ns::net::fstrm::kControlStop, false);
+    appendControl(control, vantrelo::net::fstrm::kControlStop, false);
     put(control);
     FILE* file = file_;
     file_ = nullptr;
@@ -233,14 +233,14 @@ class FileSink : public FrameSink {
     for (int shift = 24; shift >= 0; shift -= 8) out.push_back(static_cast<char>(value >> shift));
   }
   static void appendControl(std::string& out, uint32_t type, bool withContentType) {
-    const uint32_t typeLength = sizeof(ns::net::fstrm::kContentType) - 1;
+    const uint32_t typeLength = sizeof(vantrelo::net::fstrm::kContentType) - 1;
     appendUint32(out, 0);  // the escape that marks a control frame
     appendUint32(out, 4 + (withContentType ? 8 + typeLength : 0));
     appendUint32(out, type);
     if (withContentType) {
-      appendUint32(out, ns::net::fstrm::kFieldContentType);
+      appendUint32(out, vantrelo::net::fstrm::kFieldContentType);
       appendUint32(out, typeLength);
-      out.append(ns::net::fstrm::kContentType, typeLength);
+      out.append(vantrelo::net::fstrm::kContentType, typeLength);
     }
   }
   void put(const std::string& bytes) {
@@ -256,11 +256,11 @@ class FileSink : public FrameSink {
 
 // Shows the network layer's log lines on standard error with --verbose and keeps standard
 // output for the summary; errors always show.
-class StderrLog : public ns::log::SystemLog {
+class StderrLog : public vantrelo::log::SystemLog {
  public:
   explicit StderrLog(bool verbose) : verbose_(verbose) {}
-  bool write(ns::log::Level level, const std::string& message) override {
-    if (level == ns::log::Level::kError || verbose_) {
+  bool write(vantrelo::log::Level level, const std::string& message) override {
+    if (level == vantrelo::log::Level::kError || verbose_) {
       std::fprintf(stderr, "%s\n", message.c_str());
     }
     return true;
@@ -341,7 +341,7 @@ int main(int argc, char** argv) {
     return 2;
   }
   StderrLog log(options.verbose);
-  ns::log::setSystemLog(&log);
+  vantrelo::log::setSystemLog(&log);
   int code = 1;
   try {
     code = run(options);
@@ -352,6 +352,6 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "vantrelo-loadgen: %s\n", error.what());
     code = 1;
   }
-  ns::log::setSystemLog(nullptr);
+  vantrelo::log::setSystemLog(nullptr);
   return code;
 }

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <utility>
 
-namespace ns::tools::loadgen {
+namespace vantrelo::tools::loadgen {
 
 namespace {
 
@@ -390,4 +390,4 @@ void TrafficGenerator::buildResponse() {
   record_.response_message = wire_.bytes();
 }
 
-}  // namespace ns::tools::loadgen
+}  // namespace vantrelo::tools::loadgen

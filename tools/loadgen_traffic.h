@@ -16,7 +16,7 @@
 
 #include "encoding/dnstap_message.h"
 
-namespace ns::tools::loadgen {
+namespace vantrelo::tools::loadgen {
 
 // Builds a DNS wire message into a reused byte string.
 class WireWriter {
@@ -83,4 +83,4 @@ class TrafficGenerator {
   encoding::dnstap::DnstapMessage record_;
 };
 
-}  // namespace ns::tools::loadgen
+}  // namespace vantrelo::tools::loadgen

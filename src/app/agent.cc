@@ -11,7 +11,7 @@
 #include "encoding/log.h"
 #include "event/queue_file.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 namespace {
 
@@ -118,4 +118,4 @@ void runAgent(WorkerFactory* factory) {
   }
 }
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -10,7 +10,7 @@
 
 #include "app/worker.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 // The directory part of a configuration path: up to its last '\' or '/', "." without either.
 std::string configDirectory(const std::string& path);
@@ -18,4 +18,4 @@ std::string configDirectory(const std::string& path);
 // Runs the agent until a stop request. `factory` makes the workers; with nullptr none are made.
 void runAgent(WorkerFactory* factory);
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -4,7 +4,7 @@
 #include <fstream>
 #include <sstream>
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 
 namespace {
 
@@ -97,4 +97,4 @@ std::vector<std::string> AgentConfig::lookupAll(std::string_view key) const {
   return values;
 }
 
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

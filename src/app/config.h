@@ -13,7 +13,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 
 NS_DEFINE_ERROR(ConfigError);
 
@@ -44,4 +44,4 @@ class AgentConfig {
   std::string pending_;
 };
 
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

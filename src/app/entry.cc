@@ -10,7 +10,7 @@
 #include "app/process_state.h"
 #include "dns/public_suffix.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 namespace {
 
@@ -90,4 +90,4 @@ int entry(int argc, char** argv, WorkerFactory* factory) {
   return kExitUsage;
 }
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

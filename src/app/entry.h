@@ -10,7 +10,7 @@
 
 #include "app/worker.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 inline constexpr const char* kVersion = "2.4.4";
 
@@ -20,4 +20,4 @@ int entry(int argc, char** argv, WorkerFactory* factory);
 // The print-psl output: one "domain-suffix <rule>" line per built-in public suffix rule.
 void printPublicSuffixes(std::ostream& out);
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

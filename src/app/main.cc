@@ -2,6 +2,6 @@
 #include "app/workers.h"
 
 int main(int argc, char** argv) {
-  ns::app::AgentWorkers workers;
-  return ns::app::entry(argc, argv, &workers);
+  vantrelo::app::AgentWorkers workers;
+  return vantrelo::app::entry(argc, argv, &workers);
 }

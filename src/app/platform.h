@@ -2,14 +2,14 @@
 //
 // platform_posix.cc and platform_windows.cc implement the process services (signals, current
 // directory, socket library, host name, process id); system_log_*.cc the system log backend of
-// ns::log; service_*.cc the service control. All functions are called from the agent's own
+// vantrelo::log; service_*.cc the service control. All functions are called from the agent's own
 // thread; the signal and service-control callbacks they install only call requestStop().
 #pragma once
 
 #include <cstdint>
 #include <string>
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 // Makes SIGINT and SIGTERM (console Ctrl-C and termination) request a stop. Idempotent.
 void installSignalHandlers();
@@ -22,7 +22,7 @@ bool changeDirectory(const std::string& directory);
 void startSockets();
 
 // The machine's host name as gethostname() gives it into a 16-byte buffer; throws
-// ns::error::UnknownError "gethostname() failed: " + the C library's error text.
+// vantrelo::error::UnknownError "gethostname() failed: " + the C library's error text.
 std::string hostName();
 
 uint32_t processId();
@@ -34,7 +34,7 @@ void initSystemLog();
 
 // Runs `run` as a service and returns when it has stopped. Where there is no service manager to
 // talk to (a console start, or a system without one) `run` is called in the foreground. Throws
-// ns::error::UnknownError when the service manager cannot be reached for another reason.
+// vantrelo::error::UnknownError when the service manager cannot be reached for another reason.
 void runService(void (*run)());
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

@@ -12,7 +12,7 @@
 #include "app/process_state.h"
 #include "encoding/error.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 namespace {
 
@@ -66,4 +66,4 @@ std::string hostName() {
 
 uint32_t processId() { return static_cast<uint32_t>(::getpid()); }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

@@ -9,7 +9,7 @@
 #include "app/process_state.h"
 #include "encoding/error.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 namespace {
 
@@ -55,4 +55,4 @@ std::string hostName() {
 
 uint32_t processId() { return static_cast<uint32_t>(GetCurrentProcessId()); }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

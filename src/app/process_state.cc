@@ -1,6 +1,6 @@
 #include "app/process_state.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 namespace {
 
@@ -26,4 +26,4 @@ void waitForStop() {
   stopCondition.wait(lock);
 }
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -10,7 +10,7 @@
 #include <condition_variable>
 #include <mutex>
 
-namespace ns::app {
+namespace vantrelo::app {
 
 void setConfigPath(const char* path);
 const char* configPath();
@@ -23,4 +23,4 @@ void requestStop();
 // Locks the stop mutex, waits once on the stop condition (no predicate), unlocks.
 void waitForStop();
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -1,9 +1,9 @@
 #include "app/platform.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 // A POSIX service manager starts the agent as an ordinary foreground process and stops it with
 // SIGTERM, so the service command runs the agent in the foreground, logging to syslog.
 void runService(void (*run)()) { run(); }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

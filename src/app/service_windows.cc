@@ -4,7 +4,7 @@
 #include "app/process_state.h"
 #include "encoding/error.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 namespace {
 
@@ -69,4 +69,4 @@ void runService(void (*run)()) {
                             error::systemErrorText(failure));
 }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

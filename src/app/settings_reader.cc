@@ -10,7 +10,7 @@
 #include "etw/windows_version.h"
 #include "worker/value_syntax.h"
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 
 namespace {
 
@@ -210,4 +210,4 @@ void readMetricsSettings(const AgentConfig& config, format::MetricsSettings& set
   }
 }
 
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

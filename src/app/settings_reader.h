@@ -2,7 +2,7 @@
 //
 // One reader per record, called by the agent run in this order: message settings, queue
 // settings, forwarders, listeners (with the etw-* keys inside), metrics settings. Each reads
-// its keys in a fixed order and throws ns::error::UnknownError (or the module's own error for
+// its keys in a fixed order and throws vantrelo::error::UnknownError (or the module's own error for
 // listener and forwarder values) at the first bad value, with the value as written. Stateless
 // functions; the records belong to the caller.
 #pragma once
@@ -17,7 +17,7 @@
 #include "worker/forwarder_settings.h"
 #include "worker/listener_settings.h"
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 
 void readMessageSettings(const AgentConfig& config, format::MessageSettings& settings);
 void readQueueSettings(const AgentConfig& config, event::queue::QueueOptions& options);
@@ -35,4 +35,4 @@ void readEtwSettings(const AgentConfig& config, uint32_t detectedVersion,
                      etw::EtwSettings& settings);
 void readMetricsSettings(const AgentConfig& config, format::MetricsSettings& settings);
 
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

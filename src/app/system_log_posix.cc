@@ -3,17 +3,17 @@
 #include "app/platform.h"
 #include "encoding/log.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 namespace {
 
 constexpr const char* kSyslogIdent = "vantrelo";
 
-// Indexed by ns::log::Level.
+// Indexed by vantrelo::log::Level.
 const int kPriorities[] = {LOG_ERR, LOG_INFO, LOG_WARNING};
 
 // The system log of a POSIX host. Lives for the whole process once installed; syslog(3) is
-// thread-safe and ns::log serialises the calls anyway.
+// thread-safe and vantrelo::log serialises the calls anyway.
 class Syslog : public log::SystemLog {
  public:
   Syslog() { ::openlog(kSyslogIdent, LOG_PID, LOG_DAEMON); }
@@ -33,4 +33,4 @@ void initSystemLog() {
   log::setSystemLog(&backend);
 }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

@@ -4,7 +4,7 @@
 #include "encoding/error.h"
 #include "encoding/log.h"
 
-namespace ns::app::platform {
+namespace vantrelo::app::platform {
 
 namespace {
 
@@ -16,7 +16,7 @@ struct EventForm {
   DWORD eventId;
 };
 
-// Indexed by ns::log::Level: error, information, warning.
+// Indexed by vantrelo::log::Level: error, information, warning.
 const EventForm kEventForms[] = {
     {EVENTLOG_ERROR_TYPE, 3},
     {EVENTLOG_INFORMATION_TYPE, 1},
@@ -59,4 +59,4 @@ void initSystemLog() {
   log::setSystemLog(backend);
 }
 
-}  // namespace ns::app::platform
+}  // namespace vantrelo::app::platform

@@ -17,7 +17,7 @@
 #include "worker/forwarder_settings.h"
 #include "worker/listener_settings.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 class Worker {
  public:
@@ -58,4 +58,4 @@ class WorkerFactory {
                                                          event::queue::EventQueue& queue) = 0;
 };
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -4,7 +4,7 @@
 
 #include "worker/background_logger.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 namespace {
 
@@ -63,4 +63,4 @@ void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
   for (size_t i = 0; i < forwarders.size(); ++i) forwarders[i]->metrics(snapshot.forwarders[i]);
 }
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

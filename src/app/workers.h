@@ -16,7 +16,7 @@
 #include "worker/forwarder.h"
 #include "worker/listener.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 
 class AgentWorkers : public WorkerFactory {
  public:
@@ -42,4 +42,4 @@ void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
                     const std::vector<worker::forwarder::Forwarder*>& forwarders,
                     format::MetricsSnapshot& snapshot);
 
-}  // namespace ns::app
+}  // namespace vantrelo::app

@@ -6,7 +6,7 @@
 #include "dns/record_data.h"
 #include "encoding/data.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 using encoding::data::readUint16;
@@ -155,4 +155,4 @@ void parse(const uint8_t* bytes, uint32_t length, DnsMessage& message, bool trai
   }
 }
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

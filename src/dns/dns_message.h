@@ -12,7 +12,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 NS_DEFINE_ERROR(DnsError);
 
@@ -73,4 +73,4 @@ void parse(const uint8_t* bytes, uint32_t length, DnsMessage& message, bool trai
 uint32_t read_name(uint32_t offset, const uint8_t* bytes, uint32_t length, std::string& out_text,
                    bool trailing_dot);
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -31,14 +31,14 @@ file(WRITE "${OUTPUT}.tmp"
 #include <cstddef>
 #include <string_view>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 inline constexpr size_t kPublicSuffixRuleCount = ${count};
 
 inline constexpr std::string_view kPublicSuffixRules[kPublicSuffixRuleCount] = {
 ${entries}};
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns
 ")
 file(COPY_FILE "${OUTPUT}.tmp" "${OUTPUT}" ONLY_IF_DIFFERENT)
 file(REMOVE "${OUTPUT}.tmp")

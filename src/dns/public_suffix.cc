@@ -4,7 +4,7 @@
 
 #include "dns/public_suffix_rules.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 const std::vector<std::string_view>& builtin_rules() {
   static const std::vector<std::string_view> rules(std::begin(kPublicSuffixRules),
@@ -53,4 +53,4 @@ uint32_t DomainSuffixes::domain_offset(const char* lower_name, uint32_t length, 
   }
 }
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -15,7 +15,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 // The built-in rule list in the list's own order, exactly as written ("ac", "com.ac", ... "*.ck",
 // "!www.ck" ...), for print-psl.
@@ -53,4 +53,4 @@ class DomainSuffixes {
   SuffixSet configured_;
 };
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

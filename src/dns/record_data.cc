@@ -11,7 +11,7 @@
 #include "encoding/text_encoding.h"
 #include "encoding/time_format.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 using encoding::data::readUint16;
@@ -421,4 +421,4 @@ void append_escaped(const uint8_t* bytes, uint32_t length, std::string& out_text
   out_text.append(reinterpret_cast<const char*>(bytes) + run_start, length - run_start);
 }
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

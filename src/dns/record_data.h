@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <string>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 // Appends the presentation of the `rdlength` bytes at `offset` of the whole `message` (names
 // inside may point anywhere in it). Types without a layout of their own take the generic form
@@ -27,4 +27,4 @@ uint32_t append_character_strings(const uint8_t* bytes, uint32_t length, std::st
 // digits, '"' and '\' behind a backslash, all others as they are.
 void append_escaped(const uint8_t* bytes, uint32_t length, std::string& out_text);
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -10,7 +10,7 @@
 #include "encoding/ip.h"
 #include "encoding/text_encoding.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 using encoding::data::readUint16;
@@ -154,4 +154,4 @@ void append_svcb_params(const uint8_t* message, uint32_t length, uint32_t offset
   }
 }
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

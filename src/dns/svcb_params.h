@@ -5,11 +5,11 @@
 #include <cstdint>
 #include <string>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 // Appends " key=value" for every parameter between `offset` and `end` (the end of the record
 // data) of the whole `message` of `length` bytes.
 void append_svcb_params(const uint8_t* message, uint32_t length, uint32_t offset, uint32_t end,
                         std::string& out_text);
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -3,7 +3,7 @@
 #include <array>
 #include <charconv>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 // A table's entries sorted by number, built at compile time from its list. `count` may be below
@@ -149,4 +149,4 @@ void append_decimal(std::string& out_text, uint32_t value) {
   out_text.append(digits, result.ptr);
 }
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 
 // One (number, mnemonic) pair of a table.
 struct NameEntry {
@@ -46,4 +46,4 @@ void append_name(std::string& out_text, const NameTable& table, uint16_t value,
 // Appends `value` in plain decimal without allocating a temporary.
 void append_decimal(std::string& out_text, uint32_t value);
 
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

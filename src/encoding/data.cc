@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace ns::encoding::data {
+namespace vantrelo::encoding::data {
 
 namespace {
 
@@ -36,4 +36,4 @@ uint32_t readUint32(uint32_t& out, const uint8_t* data, uint32_t size, uint32_t 
   return offset + 4;
 }
 
-}  // namespace ns::encoding::data
+}  // namespace vantrelo::encoding::data

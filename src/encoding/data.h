@@ -9,7 +9,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::encoding::data {
+namespace vantrelo::encoding::data {
 
 NS_DEFINE_ERROR(DataError);
 
@@ -17,4 +17,4 @@ uint32_t readUint8(uint8_t& out, const uint8_t* data, uint32_t size, uint32_t of
 uint32_t readUint16(uint16_t& out, const uint8_t* data, uint32_t size, uint32_t offset);
 uint32_t readUint32(uint32_t& out, const uint8_t* data, uint32_t size, uint32_t offset);
 
-}  // namespace ns::encoding::data
+}  // namespace vantrelo::encoding::data

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 
 namespace {
 
@@ -258,4 +258,4 @@ void DnstapMessage::encode(std::string& out) {
   out.append(buffer);
 }
 
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

@@ -9,7 +9,7 @@
 
 #include "encoding/protobuf.h"
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 
 // dnstap Message.Type values: odd types are queries, even types responses.
 enum MessageType : uint64_t {
@@ -71,4 +71,4 @@ class DnstapMessage {
   std::string encodeBuffer_;  // scratch for the inner Message, kept for its capacity
 };
 
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

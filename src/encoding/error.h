@@ -10,7 +10,7 @@
 #include <stdexcept>
 #include <string>
 
-namespace ns::error {
+namespace vantrelo::error {
 
 class UnknownError : public std::exception {
  public:
@@ -38,11 +38,11 @@ uint32_t lastCError();
 // The calling thread's last system error: GetLastError() on Windows, errno elsewhere.
 uint32_t lastSystemError();
 
-}  // namespace ns::error
+}  // namespace vantrelo::error
 
 // Defines a module's exception class: one per module, all carrying only a message.
 #define NS_DEFINE_ERROR(Name)                            \
-  class Name : public ::ns::error::UnknownError {        \
+  class Name : public ::vantrelo::error::UnknownError {  \
    public:                                               \
-    using ::ns::error::UnknownError::UnknownError;       \
+    using ::vantrelo::error::UnknownError::UnknownError; \
   }

@@ -3,7 +3,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::error {
+namespace vantrelo::error {
 
 std::string systemErrorText(uint32_t code) {
   // strerror_r (GNU form) never fails: it returns a static text or fills the buffer.
@@ -18,4 +18,4 @@ uint32_t lastCError() { return static_cast<uint32_t>(errno); }
 
 uint32_t lastSystemError() { return static_cast<uint32_t>(errno); }
 
-}  // namespace ns::error
+}  // namespace vantrelo::error

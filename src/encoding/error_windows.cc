@@ -4,7 +4,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::error {
+namespace vantrelo::error {
 
 namespace {
 
@@ -26,8 +26,8 @@ std::string ntStatusText(uint32_t status) {
   HMODULE ntdll = LoadLibraryA("NTDLL.DLL");
   DWORD length = 0;
   if (ntdll != nullptr) {
-    length = FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM, ntdll,
-                            status, 0, ntBuffer, sizeof ntBuffer, nullptr);
+    length = FormatMessageA(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_FROM_SYSTEM, ntdll, status,
+                            0, ntBuffer, sizeof ntBuffer, nullptr);
     FreeLibrary(ntdll);
   }
   if (length == 0) return "Unknown error " + std::to_string(status);
@@ -38,4 +38,4 @@ uint32_t lastCError() { return static_cast<uint32_t>(errno); }
 
 uint32_t lastSystemError() { return static_cast<uint32_t>(GetLastError()); }
 
-}  // namespace ns::error
+}  // namespace vantrelo::error

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string>
 
-namespace ns::encoding::ip {
+namespace vantrelo::encoding::ip {
 
 namespace {
 
@@ -204,4 +204,4 @@ void formatIpv6(std::string& out, const uint8_t* bytes) {
   }
 }
 
-}  // namespace ns::encoding::ip
+}  // namespace vantrelo::encoding::ip

@@ -9,7 +9,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::encoding::ip {
+namespace vantrelo::encoding::ip {
 
 NS_DEFINE_ERROR(IpError);
 
@@ -20,4 +20,4 @@ void formatIpv4(std::string& out, const uint8_t* bytes);
 // Canonical text: lower-case groups, the first longest run (2 or more) of zero groups as "::".
 void formatIpv6(std::string& out, const uint8_t* bytes);
 
-}  // namespace ns::encoding::ip
+}  // namespace vantrelo::encoding::ip

@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <mutex>
 
-namespace ns::log {
+namespace vantrelo::log {
 
 namespace {
 
@@ -50,4 +50,4 @@ void error(const std::string& message) { write(Level::kError, message); }
 void info(const std::string& message) { write(Level::kInformation, message); }
 void warning(const std::string& message) { write(Level::kWarning, message); }
 
-}  // namespace ns::log
+}  // namespace vantrelo::log

@@ -10,7 +10,7 @@
 
 #include <string>
 
-namespace ns::log {
+namespace vantrelo::log {
 
 enum class Level { kError, kInformation, kWarning };
 
@@ -29,4 +29,4 @@ void error(const std::string& message);
 void info(const std::string& message);
 void warning(const std::string& message);
 
-}  // namespace ns::log
+}  // namespace vantrelo::log

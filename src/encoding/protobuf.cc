@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 
 namespace {
 
@@ -120,4 +120,4 @@ void encodeFixed32(std::string& buffer, uint32_t value) {
   buffer.append(bytes, kFixed32Bytes);
 }
 
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

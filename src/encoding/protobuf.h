@@ -10,7 +10,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 
 NS_DEFINE_ERROR(DnstapError);
 
@@ -29,4 +29,4 @@ uint32_t skipField(uint32_t wireType, const uint8_t* data, uint32_t size, uint32
 void encodeVarint(std::string& buffer, uint64_t value);
 void encodeFixed32(std::string& buffer, uint32_t value);
 
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

@@ -3,7 +3,7 @@
 #include <array>
 #include <string>
 
-namespace ns::encoding {
+namespace vantrelo::encoding {
 
 namespace {
 
@@ -153,4 +153,4 @@ void hexDecode(std::string& out, const char* text, size_t length) {
 
 }  // namespace hex
 
-}  // namespace ns::encoding
+}  // namespace vantrelo::encoding

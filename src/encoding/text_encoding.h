@@ -9,23 +9,23 @@
 
 #include "encoding/error.h"
 
-namespace ns::encoding::base32 {
+namespace vantrelo::encoding::base32 {
 
 // Upper-case "0123456789ABCDEFGHIJKLMNOPQRSTUV", no padding.
 void base32HexEncode(std::string& out, const uint8_t* data, size_t length);
 
-}  // namespace ns::encoding::base32
+}  // namespace vantrelo::encoding::base32
 
-namespace ns::encoding::base64 {
+namespace vantrelo::encoding::base64 {
 
 NS_DEFINE_ERROR(Base64Error);
 
 void base64Encode(std::string& out, const uint8_t* data, size_t length);
 void base64Decode(std::string& out, const char* text, size_t length);
 
-}  // namespace ns::encoding::base64
+}  // namespace vantrelo::encoding::base64
 
-namespace ns::encoding::hex {
+namespace vantrelo::encoding::hex {
 
 NS_DEFINE_ERROR(HexError);
 
@@ -33,4 +33,4 @@ NS_DEFINE_ERROR(HexError);
 void hexEncode(std::string& out, const uint8_t* data, size_t length);
 void hexDecode(std::string& out, const char* text, size_t length);
 
-}  // namespace ns::encoding::hex
+}  // namespace vantrelo::encoding::hex

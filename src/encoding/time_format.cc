@@ -1,6 +1,6 @@
 #include "encoding/time_format.h"
 
-namespace ns::encoding::time {
+namespace vantrelo::encoding::time {
 
 namespace {
 
@@ -111,4 +111,4 @@ void formatRfc3164Time(std::string& out, int64_t seconds) {
   appendNumber(out, t.second, 2);
 }
 
-}  // namespace ns::encoding::time
+}  // namespace vantrelo::encoding::time

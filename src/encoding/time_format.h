@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <string>
 
-namespace ns::encoding::time {
+namespace vantrelo::encoding::time {
 
 // "%04d%02d%02d%02d%02d%02d", 14 characters.
 void formatCompactTime(std::string& out, int64_t seconds);
@@ -15,4 +15,4 @@ void formatRfc3339Time(std::string& out, int64_t seconds, uint32_t nanoseconds);
 // "%s %2d %02d:%02d:%02d": month abbreviation, space-padded day, time; 15 characters.
 void formatRfc3164Time(std::string& out, int64_t seconds);
 
-}  // namespace ns::encoding::time
+}  // namespace vantrelo::encoding::time

@@ -7,7 +7,7 @@
 #include "encoding/log.h"
 #include "etw/host_name.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 EtwReader::EtwReader(const EtwSettings& settings, std::string logPrefix)
     : settings_(settings),
@@ -57,4 +57,4 @@ void EtwReader::reportFailure(const char* text) noexcept {
   }
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

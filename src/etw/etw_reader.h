@@ -21,7 +21,7 @@
 #include "etw/event_decoder.h"
 #include "etw/event_record.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 inline constexpr char kSessionName[] = "Morskel Vantrelo";
 
@@ -89,4 +89,4 @@ class EtwReader {
   std::atomic<uint32_t> realTimeBuffersLost_{0};
 };
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -1,7 +1,7 @@
 #include "etw/etw_reader.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 // Event Tracing for Windows has no counterpart here; the decoding still builds and is tested.
 
@@ -17,4 +17,4 @@ void EtwReader::stop() {
 
 void EtwReader::queryStatistics() { throw EtwError("ETW capture needs Windows"); }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

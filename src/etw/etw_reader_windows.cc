@@ -16,7 +16,7 @@
 #include "etw/etw_reader.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -277,4 +277,4 @@ void EtwReader::queryStatistics() {
   storeStatistics(statistics);
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 struct EtwSettings {
   uint32_t windowsVersion = 0;  // 1 = 2012 R2 ... 5 = 2025; see windows_version.h
@@ -19,10 +19,10 @@ struct EtwSettings {
   uint64_t matchAnyKeyword = 0x37;
   uint64_t matchAllKeyword = 0;
   // Which classes of event are decoded.
-  bool clientQuery = true;       // event 256
-  bool clientResponse = true;    // events 257, 258
-  bool resolverQuery = false;    // event 260
-  bool resolverResponse = false; // event 261
+  bool clientQuery = true;        // event 256
+  bool clientResponse = true;     // events 257, 258
+  bool resolverQuery = false;     // event 260
+  bool resolverResponse = false;  // event 261
   // dnstap header fields.
   bool identityFromEvent = true;  // "event-hostname": the host name carried by the event
   bool hasVersion = false;
@@ -31,4 +31,4 @@ struct EtwSettings {
   std::string extra;
 };
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -6,7 +6,7 @@
 #include "etw/property_reader.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -121,4 +121,4 @@ void EventDecoder::handleEvent(const EventRecordView& event) {
   if (handler_ != nullptr) handler_(message_, context_);
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

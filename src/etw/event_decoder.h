@@ -19,7 +19,7 @@
 #include "etw/event_layout.h"
 #include "etw/event_record.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 // Receives each decoded record; `context` is the pointer given along with the handler. The
 // record is reused for the next event, so the handler copies or encodes what it keeps.
@@ -68,4 +68,4 @@ class EventDecoder {
   void* context_ = nullptr;
 };
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -6,7 +6,7 @@
 #include "encoding/dnstap_message.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -109,4 +109,4 @@ const EventLayout* findEventLayout(uint16_t eventId, uint32_t windowsVersion) {
   return nullptr;
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -7,7 +7,7 @@
 
 #include <cstdint>
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 inline constexpr uint16_t kEventClientQuery = 256;
 inline constexpr uint16_t kEventClientResponse = 257;
@@ -56,4 +56,4 @@ struct EventLayout {
 // not decoded (259 and every id outside 256..261) or the index is 0 (unknown).
 const EventLayout* findEventLayout(uint16_t eventId, uint32_t windowsVersion);
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -8,7 +8,7 @@
 
 #include <cstdint>
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 // TDH input types of the properties the DNS Server provider declares (TDH_INTYPE_*).
 inline constexpr uint16_t kInTypeUnicodeString = 1;
@@ -39,4 +39,4 @@ class EventRecordView {
   virtual uint32_t userDataLength() const = 0;
 };
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

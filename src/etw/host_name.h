@@ -4,10 +4,10 @@
 
 #include <string>
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 // The local host name (the DNS host name on Windows). Throws EtwError when the system cannot
 // give one.
 std::string localHostName();
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -8,7 +8,7 @@
 #include "etw/host_name.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 std::string localHostName() {
   // POSIX allows a truncated name without a terminator; the extra byte keeps it terminated.
@@ -19,4 +19,4 @@ std::string localHostName() {
   return std::string(name, strnlen(name, sizeof name));
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -6,7 +6,7 @@
 #include "etw/host_name.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 std::string localHostName() {
   // The computer name API needs no Winsock start-up, unlike gethostname, and gives the same
@@ -20,4 +20,4 @@ std::string localHostName() {
   return std::string(name, size);
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -4,7 +4,7 @@
 
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -167,4 +167,4 @@ uint32_t skipBinary(const EventRecordView& event, uint32_t index, uint32_t offse
   return offset + length;
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

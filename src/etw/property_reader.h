@@ -12,7 +12,7 @@
 
 #include "etw/event_record.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 uint32_t readUint8(const EventRecordView& event, uint32_t index, uint32_t offset, uint8_t& value);
 uint32_t skipUint8(const EventRecordView& event, uint32_t index, uint32_t offset);
@@ -39,4 +39,4 @@ uint32_t readBinary(const EventRecordView& event, uint32_t index, uint32_t offse
                     std::string& value);
 uint32_t skipBinary(const EventRecordView& event, uint32_t index, uint32_t offset, uint32_t length);
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -1,6 +1,6 @@
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -63,4 +63,4 @@ std::optional<uint32_t> windowsVersionFromConfig(const std::string& value) {
   return std::nullopt;
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

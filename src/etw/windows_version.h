@@ -11,7 +11,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 NS_DEFINE_ERROR(EtwError);
 
@@ -38,4 +38,4 @@ std::string windowsVersionName(uint32_t index);
 // The index for a configuration value ("windows2012r2" ... "windows2025"), nothing otherwise.
 std::optional<uint32_t> windowsVersionFromConfig(const std::string& value);
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

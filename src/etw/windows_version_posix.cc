@@ -1,6 +1,6 @@
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 // There is no DNS Server event provider to trace outside Windows, so an ETW listener cannot be
 // configured here; the message says what to do instead.
@@ -10,4 +10,4 @@ uint32_t detectWindowsVersion() {
       "is not available on this system; use an ipv4, ipv6 or unix listener instead");
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -3,7 +3,7 @@
 #include "encoding/error.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 
 namespace {
 
@@ -38,4 +38,4 @@ uint32_t detectWindowsVersion() {
   return windowsVersionFromOs(version);
 }
 
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

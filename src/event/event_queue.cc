@@ -4,7 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 
 EventQueue::EventQueue(const QueueOptions& options) : options_(options) {
   // One zeroed block for the life of the queue. A ring of 0 bytes takes no event at all but
@@ -13,9 +13,9 @@ EventQueue::EventQueue(const QueueOptions& options) : options_(options) {
   buffer_ = static_cast<uint8_t*>(std::calloc(options_.size != 0 ? options_.size : 1, 1));
   if (buffer_ == nullptr) {
     // Some C runtimes fail an impossible size without setting errno; it is still out of memory.
-    const uint32_t code = errno != 0 ? ns::error::lastCError() : uint32_t{ENOMEM};
+    const uint32_t code = errno != 0 ? vantrelo::error::lastCError() : uint32_t{ENOMEM};
     throw QueueError("malloc(" + std::to_string(options_.size) +
-                     ") failed: " + ns::error::systemErrorText(code));
+                     ") failed: " + vantrelo::error::systemErrorText(code));
   }
 }
 
@@ -127,4 +127,4 @@ void EventQueue::snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropp
   dropped = droppedNow - lastDropped_.exchange(droppedNow);
 }
 
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue

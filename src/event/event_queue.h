@@ -14,7 +14,7 @@
 
 #include "encoding/error.h"
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 
 NS_DEFINE_ERROR(QueueError);
 
@@ -80,4 +80,4 @@ class EventQueue {
   std::atomic<uint64_t> lastDropped_{0};
 };
 
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue

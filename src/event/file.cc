@@ -3,7 +3,7 @@
 #include "event/file_platform.h"
 #include "event/queue_file.h"
 
-namespace ns::file {
+namespace vantrelo::file {
 
 namespace {
 
@@ -12,7 +12,7 @@ bool statPath(const std::string& path, uint64_t& size) {
   const uint32_t code = platform::statSize(path, size);
   if (code == 0) return true;
   if (code == ENOENT) return false;
-  throw FileError("stat64(" + path + ") failed: " + ns::error::systemErrorText(code));
+  throw FileError("stat64(" + path + ") failed: " + vantrelo::error::systemErrorText(code));
 }
 
 }  // namespace
@@ -25,9 +25,9 @@ bool fileExists(const std::string& path) {
 uint64_t fileSize(const std::string& path) {
   uint64_t size = 0;
   if (!statPath(path, size)) {
-    throw FileError("stat64(" + path + ") failed: " + ns::error::systemErrorText(ENOENT));
+    throw FileError("stat64(" + path + ") failed: " + vantrelo::error::systemErrorText(ENOENT));
   }
   return size;
 }
 
-}  // namespace ns::file
+}  // namespace vantrelo::file

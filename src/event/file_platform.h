@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <string>
 
-namespace ns::file::platform {
+namespace vantrelo::file::platform {
 
 // Large-file stat of `path`: 0 with `size` set, or the C library's error number.
 uint32_t statSize(const std::string& path, uint64_t& size);
 
-}  // namespace ns::file::platform
+}  // namespace vantrelo::file::platform

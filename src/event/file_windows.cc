@@ -4,14 +4,14 @@
 #include "encoding/error.h"
 #include "event/file_platform.h"
 
-namespace ns::file::platform {
+namespace vantrelo::file::platform {
 
 // _stat64 gives 64-bit sizes.
 uint32_t statSize(const std::string& path, uint64_t& size) {
   struct _stat64 info;
-  if (_stat64(path.c_str(), &info) != 0) return ns::error::lastCError();
+  if (_stat64(path.c_str(), &info) != 0) return vantrelo::error::lastCError();
   size = static_cast<uint64_t>(info.st_size);
   return 0;
 }
 
-}  // namespace ns::file::platform
+}  // namespace vantrelo::file::platform

@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <cstring>
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 
 namespace {
 
@@ -14,7 +14,7 @@ constexpr size_t kReadChunk = size_t{1} << 20;
 // The text for a short read that hit the end of the file: there is no system error behind it.
 constexpr char kUnexpectedEnd[] = "Unexpected end of file";
 
-std::string cErrorText() { return ns::error::systemErrorText(ns::error::lastCError()); }
+std::string cErrorText() { return vantrelo::error::systemErrorText(vantrelo::error::lastCError()); }
 
 // Owns one C stdio stream; closes it on destruction unless closed explicitly before.
 class StdioFile {
@@ -175,7 +175,7 @@ void save(EventQueue& queue) {
 
 void load(EventQueue& queue) {
   const QueueOptions& options = queue.options();
-  if (!options.recovery || !ns::file::fileExists(options.filename)) return;
+  if (!options.recovery || !vantrelo::file::fileExists(options.filename)) return;
   {
     StdioFile file(std::fopen(options.filename.c_str(), "rb"));
     if (!file) throw QueueError("Open " + options.filename + " failed: " + cErrorText());
@@ -187,4 +187,4 @@ void load(EventQueue& queue) {
   }
 }
 
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue

@@ -15,7 +15,7 @@
 #include "encoding/error.h"
 #include "event/event_queue.h"
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 
 inline constexpr char kQueueFileMagic[4] = {'s', 's', 'l', 'z'};
 inline constexpr size_t kRecordHeadBytes = 5;  // 4-byte length and 1-byte checksum
@@ -30,9 +30,9 @@ void load(EventQueue& queue);
 // The sum of the bytes modulo 256, as stored in each record.
 uint8_t checksum(const uint8_t* data, size_t length);
 
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue
 
-namespace ns::file {
+namespace vantrelo::file {
 
 NS_DEFINE_ERROR(FileError);
 
@@ -40,4 +40,4 @@ NS_DEFINE_ERROR(FileError);
 bool fileExists(const std::string& path);
 uint64_t fileSize(const std::string& path);
 
-}  // namespace ns::file
+}  // namespace vantrelo::file

@@ -7,7 +7,7 @@
 #include "format/syslog.h"
 #include "format/text_writer.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 namespace {
 
@@ -335,4 +335,4 @@ void MessageFormatter::appendJsonError(const MessageView& view, std::string& out
   out.append("}}\n");
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -16,7 +16,7 @@
 #include "format/message_settings.h"
 #include "format/message_view.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 // A dnstap data frame on a Frame Streams connection: a 4-byte big-endian length, then the
 // event's bytes unchanged.
@@ -64,4 +64,4 @@ class MessageFormatter {
   MessageView view_;
 };
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

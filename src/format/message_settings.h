@@ -7,7 +7,7 @@
 
 #include "dns/public_suffix.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 enum class MessageFormat : uint32_t { kJson = 0, kQuerylog = 1, kDnstap = 2 };
 
@@ -27,4 +27,4 @@ struct MessageSettings {
   bool syslog_rfc3164() const { return syslog_style == 1; }
 };
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

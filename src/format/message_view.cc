@@ -3,7 +3,7 @@
 #include "dns/dns_message.h"
 #include "encoding/ip.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 namespace {
 
@@ -87,4 +87,4 @@ bool make_view(const DnstapMessage& record, MessageView& view) {
   return true;
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

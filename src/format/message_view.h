@@ -10,7 +10,7 @@
 
 #include "encoding/dnstap_message.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 // dnstap message types run from 1 to 12; 0 is the unset value.
 inline constexpr uint32_t kMessageTypeCount = 13;
@@ -39,4 +39,4 @@ struct MessageView {
 // not 0, 4 or 16 bytes long.
 bool make_view(const encoding::dnstap::DnstapMessage& record, MessageView& view);
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -4,7 +4,7 @@
 
 #include "format/text_writer.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 namespace {
 
@@ -246,4 +246,4 @@ void formatReport(const MetricsSnapshot& snapshot, bool json, std::string& out) 
   }
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::format {
+namespace vantrelo::format {
 
 struct ReceiverMetrics {
   uint32_t id = 0;
@@ -83,4 +83,4 @@ struct MetricsSnapshot {
 // Appends the report to `out`: the `json` layout when `json` is set, else the `kv` layout.
 void formatReport(const MetricsSnapshot& snapshot, bool json, std::string& out);
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

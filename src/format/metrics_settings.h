@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace ns::format {
+namespace vantrelo::format {
 
 enum class MetricsFormat : uint32_t { kKv = 0, kJson = 1 };
 
@@ -11,4 +11,4 @@ struct MetricsSettings {
   MetricsFormat format = MetricsFormat::kKv;
 };
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -3,7 +3,7 @@
 #include "encoding/time_format.h"
 #include "format/text_writer.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 namespace {
 
@@ -46,4 +46,4 @@ void append_syslog_header(std::string& out, const MessageSettings& settings, uin
   out.append(layout.after_pid);
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -9,7 +9,7 @@
 
 #include "format/message_settings.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 // "<PRI>Mmm dd hh:mm:ss host vantrelo[pid]: " with the RFC 3164 style, otherwise
 // "<PRI>1 yyyy-mm-ddThh:mm:ss.uZ host vantrelo pid - - ". PRI is the configured priority as it
@@ -25,4 +25,4 @@ void append_rfc5424_time(std::string& out, uint64_t time_sec, uint32_t time_nsec
 // "Mmm dd hh:mm:ss" in UTC, the day padded with a space; always 15 characters.
 void append_rfc3164_time(std::string& out, uint64_t time_sec);
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

@@ -3,7 +3,7 @@
 #include <array>
 #include <charconv>
 
-namespace ns::format {
+namespace vantrelo::format {
 
 namespace {
 
@@ -54,4 +54,4 @@ void appendJsonString(std::string& out, const char* text, size_t length) {
   out.push_back('"');
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

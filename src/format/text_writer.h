@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-namespace ns::format {
+namespace vantrelo::format {
 
 // Plain decimal, no padding, no sign for unsigned values.
 void appendDecimal(std::string& out, uint64_t value);
@@ -25,4 +25,4 @@ inline void appendJsonString(std::string& out, std::string_view text) {
   appendJsonString(out, text.data(), text.size());
 }
 
-}  // namespace ns::format
+}  // namespace vantrelo::format

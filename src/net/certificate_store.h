@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 struct X509Deleter {
   void operator()(X509* certificate) const { X509_free(certificate); }
@@ -65,4 +65,4 @@ class CertificateStore {
   std::vector<StoreEntry> entries_;
 };
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

@@ -13,7 +13,7 @@
 #include "net/certificate_store.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 namespace {
 
@@ -174,4 +174,4 @@ bool CertificateStore::use(SSL_CTX* context, const StoreEntry& entry) {
   return true;
 }
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

@@ -6,7 +6,7 @@
 #include "encoding/data.h"
 #include "encoding/log.h"
 
-namespace ns::net::fstrm {
+namespace vantrelo::net::fstrm {
 
 namespace {
 
@@ -188,4 +188,4 @@ void FstrmSocket::release() {
   readEnd_ = 0;
 }
 
-}  // namespace ns::net::fstrm
+}  // namespace vantrelo::net::fstrm

@@ -23,7 +23,7 @@
 #include "net/socket.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::fstrm {
+namespace vantrelo::net::fstrm {
 
 NS_DEFINE_ERROR(FstrmError);
 
@@ -86,4 +86,4 @@ class FstrmSocket {
   uint32_t readEnd_ = 0;
 };
 
-}  // namespace ns::net::fstrm
+}  // namespace vantrelo::net::fstrm

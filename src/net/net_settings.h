@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-namespace ns::net {
+namespace vantrelo::net {
 
 struct SocketSettings {
   bool unix = true;  // a Unix-domain socket at `path` rather than TCP at host:port
@@ -36,9 +36,9 @@ struct PeerAddress {
   uint32_t pid = 0;
 };
 
-}  // namespace ns::net
+}  // namespace vantrelo::net
 
-namespace ns::net::fstrm {
+namespace vantrelo::net::fstrm {
 
 struct FstrmSettings {
   bool bidirectional = true;
@@ -46,9 +46,9 @@ struct FstrmSettings {
   uint32_t dataFrameMaxSize = 262144;
 };
 
-}  // namespace ns::net::fstrm
+}  // namespace vantrelo::net::fstrm
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 struct TlsSettings {
   bool server_role = false;
@@ -62,4 +62,4 @@ struct TlsSettings {
   std::string thumbprint;  // when not empty, used instead of the subject
 };
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

@@ -6,7 +6,7 @@
 #include "encoding/log.h"
 #include "net/socket_platform.h"
 
-namespace ns::net {
+namespace vantrelo::net {
 
 namespace {
 
@@ -222,4 +222,4 @@ void Socket::close() {
   }
 }
 
-}  // namespace ns::net
+}  // namespace vantrelo::net

@@ -19,7 +19,7 @@
 #include "encoding/error.h"
 #include "net/net_settings.h"
 
-namespace ns::net {
+namespace vantrelo::net {
 
 NS_DEFINE_ERROR(SocketError);
 
@@ -82,4 +82,4 @@ class Socket {
   bool ownsSocketFile_ = false;
 };
 
-}  // namespace ns::net
+}  // namespace vantrelo::net

@@ -10,7 +10,7 @@
 #include "net/net_settings.h"
 #include "net/socket_platform.h"
 
-namespace ns::net::sys {
+namespace vantrelo::net::sys {
 
 inline addrinfo streamHints(bool ipv6) {
   addrinfo hints{};
@@ -71,4 +71,4 @@ inline void setIpPeer(PeerAddress& out, const sockaddr_storage& storage, const c
   out.port = storedPort(storage);
 }
 
-}  // namespace ns::net::sys
+}  // namespace vantrelo::net::sys

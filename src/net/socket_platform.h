@@ -10,7 +10,7 @@
 
 #include "net/net_settings.h"
 
-namespace ns::net {
+namespace vantrelo::net {
 
 enum class AddressFamily { kIpv4, kIpv6, kUnix };
 
@@ -22,9 +22,9 @@ struct SocketAddress {
   AddressFamily family = AddressFamily::kIpv4;
 };
 
-}  // namespace ns::net
+}  // namespace vantrelo::net
 
-namespace ns::net::sys {
+namespace vantrelo::net::sys {
 
 extern const uintptr_t kInvalidHandle;
 
@@ -79,4 +79,4 @@ uint16_t localPort(uintptr_t handle);
 // left alone so that a wrong path never deletes a user's file.
 void removeSocketFile(const std::string& path);
 
-}  // namespace ns::net::sys
+}  // namespace vantrelo::net::sys

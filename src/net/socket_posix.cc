@@ -18,7 +18,7 @@
 #include "net/socket_addresses.h"
 #include "net/socket_platform.h"
 
-namespace ns::net::sys {
+namespace vantrelo::net::sys {
 
 namespace {
 
@@ -223,4 +223,4 @@ void removeSocketFile(const std::string& path) {
   if (::lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode)) ::unlink(path.c_str());
 }
 
-}  // namespace ns::net::sys
+}  // namespace vantrelo::net::sys

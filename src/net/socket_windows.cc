@@ -11,7 +11,7 @@
 #include "net/socket_addresses.h"
 #include "net/socket_platform.h"
 
-namespace ns::net::sys {
+namespace vantrelo::net::sys {
 
 namespace {
 
@@ -239,4 +239,4 @@ void removeSocketFile(const std::string& path) {
   }
 }
 
-}  // namespace ns::net::sys
+}  // namespace vantrelo::net::sys

@@ -6,7 +6,7 @@
 #include "encoding/text_encoding.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 namespace {
 
@@ -90,4 +90,4 @@ CertificateContext findCertificate(const std::string& store, const std::string& 
   return result;
 }
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

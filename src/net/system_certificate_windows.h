@@ -12,7 +12,7 @@
 
 #include <string>
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 class CertificateContext {
  public:
@@ -51,4 +51,4 @@ class CertificateContext {
 CertificateContext findCertificate(const std::string& store, const std::string& subject,
                                    const std::string& thumbprint);
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

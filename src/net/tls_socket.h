@@ -18,7 +18,7 @@
 #include "net/net_settings.h"
 #include "net/socket.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 NS_DEFINE_ERROR(TlsError);
 
@@ -55,4 +55,4 @@ class TlsSocket {
   std::unique_ptr<Session> session_;
 };
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

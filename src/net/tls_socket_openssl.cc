@@ -15,7 +15,7 @@
 #include "net/socket_platform.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 namespace {
 
@@ -291,4 +291,4 @@ void TlsSocket::shutdown() {
   }
 }
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

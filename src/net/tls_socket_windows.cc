@@ -19,7 +19,7 @@
 #include "net/system_certificate_windows.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 
 namespace {
 
@@ -425,4 +425,4 @@ void TlsSocket::shutdown() {
   }
 }
 
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

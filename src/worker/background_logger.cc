@@ -8,7 +8,7 @@
 
 #include "encoding/log.h"
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 namespace {
 
@@ -96,4 +96,4 @@ void BackgroundLogger::report() {
   log::info(line_);
 }
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

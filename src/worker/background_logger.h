@@ -18,7 +18,7 @@
 #include "format/metrics_report.h"
 #include "format/metrics_settings.h"
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 class BackgroundLogger {
  public:
@@ -68,4 +68,4 @@ class BackgroundLogger {
   std::string line_;
 };
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 void EventPusher::push(encoding::dnstap::DnstapMessage& message) {
   encoded_.clear();
@@ -11,4 +11,4 @@ void EventPusher::push(encoding::dnstap::DnstapMessage& message) {
               static_cast<uint32_t>(encoded_.size()));
 }
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

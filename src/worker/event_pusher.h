@@ -12,7 +12,7 @@
 #include "encoding/dnstap_message.h"
 #include "event/event_queue.h"
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 class EventPusher {
  public:
@@ -31,4 +31,4 @@ class EventPusher {
   std::string encoded_;
 };
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

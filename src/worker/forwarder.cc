@@ -6,7 +6,7 @@
 #include "encoding/log.h"
 #include "encoding/text_encoding.h"
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 
 namespace {
 
@@ -261,4 +261,4 @@ void Forwarder::metrics(format::ForwarderMetrics& out) const {
   out.dnstap_errors = dnstapErrors();
 }
 
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

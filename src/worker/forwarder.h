@@ -35,7 +35,7 @@
 #include "net/tls_socket.h"
 #include "worker/forwarder_settings.h"
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 
 // The encoded events of one batch, kept as they came out of the queue so that they can be
 // returned to it, and the size of what was formatted from them. Reused batch after batch.
@@ -125,4 +125,4 @@ class Forwarder {
   std::atomic<uint64_t> dnstapErrors_{0};
 };
 
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

@@ -5,7 +5,7 @@
 
 #include "worker/value_syntax.h"
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 
 namespace {
 
@@ -182,4 +182,4 @@ ForwarderSettings parse(const std::string& value) {
   return settings;
 }
 
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

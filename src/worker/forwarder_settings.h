@@ -7,7 +7,7 @@
 #include "encoding/error.h"
 #include "net/net_settings.h"
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 
 NS_DEFINE_ERROR(ForwarderError);
 
@@ -24,4 +24,4 @@ struct ForwarderSettings {
 // Parses one forwarder value: "<type> <host> <port> name=value...". Throws ForwarderError.
 ForwarderSettings parse(const std::string& value);
 
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

@@ -6,7 +6,7 @@
 
 #include "encoding/log.h"
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 
 namespace {
 
@@ -218,4 +218,4 @@ void Listener::metrics(format::ListenerMetrics& out) {
   }
 }
 
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

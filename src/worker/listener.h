@@ -30,7 +30,7 @@
 #include "worker/listener_settings.h"
 #include "worker/receiver.h"
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 
 class Listener {
  public:
@@ -97,4 +97,4 @@ class Listener {
   std::atomic<uint16_t> boundPort_{0};
 };
 
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

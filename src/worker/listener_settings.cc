@@ -5,7 +5,7 @@
 
 #include "worker/value_syntax.h"
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 
 namespace {
 
@@ -229,4 +229,4 @@ ListenerSettings parse(const std::string& value) {
   return settings;
 }
 
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

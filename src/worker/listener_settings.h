@@ -7,7 +7,7 @@
 #include "etw/etw_settings.h"
 #include "net/net_settings.h"
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 
 NS_DEFINE_ERROR(ListenerError);
 
@@ -26,4 +26,4 @@ struct ListenerSettings {
 // Throws ListenerError with the offending part in the message.
 ListenerSettings parse(const std::string& value);
 
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

@@ -5,7 +5,7 @@
 
 #include "encoding/log.h"
 
-namespace ns::worker::receiver {
+namespace vantrelo::worker::receiver {
 
 namespace {
 
@@ -130,4 +130,4 @@ void Receiver::processLoop() {
   if (bidirectional) fstrm_->writeControl(net::fstrm::kControlFinish, false);
 }
 
-}  // namespace ns::worker::receiver
+}  // namespace vantrelo::worker::receiver

@@ -25,7 +25,7 @@
 #include "net/socket.h"
 #include "net/tls_socket.h"
 
-namespace ns::worker::receiver {
+namespace vantrelo::worker::receiver {
 
 NS_DEFINE_ERROR(ReceiverError);
 
@@ -88,4 +88,4 @@ class Receiver {
   std::atomic<uint64_t> eventsReceived_{0};
 };
 
-}  // namespace ns::worker::receiver
+}  // namespace vantrelo::worker::receiver

@@ -3,7 +3,7 @@
 #include <cctype>
 #include <limits>
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 namespace {
 
@@ -93,8 +93,7 @@ bool setInRange(uint32_t& field, const std::string& value, int32_t minimum, int3
   return true;
 }
 
-bool setChoice(bool& field, const std::string& value, const char* whenFalse,
-               const char* whenTrue) {
+bool setChoice(bool& field, const std::string& value, const char* whenFalse, const char* whenTrue) {
   if (value != whenFalse && value != whenTrue) return false;
   field = value == whenTrue;
   return true;
@@ -104,4 +103,4 @@ bool setOnOff(bool& field, const std::string& value) {
   return setChoice(field, value, "off", "on");
 }
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

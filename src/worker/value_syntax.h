@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace ns::worker {
+namespace vantrelo::worker {
 
 class ValueReader {
  public:
@@ -44,7 +44,6 @@ int64_t parseDecimal64(std::string_view text);
 bool setInRange(uint32_t& field, const std::string& value, int32_t minimum, int32_t maximum);
 bool setOnOff(bool& field, const std::string& value);
 // A two-word option: field becomes true for whenTrue, false for whenFalse.
-bool setChoice(bool& field, const std::string& value, const char* whenFalse,
-               const char* whenTrue);
+bool setChoice(bool& field, const std::string& value, const char* whenFalse, const char* whenTrue);
 
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

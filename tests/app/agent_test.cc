@@ -11,7 +11,7 @@
 
 #include "app/process_state.h"
 
-namespace ns::app {
+namespace vantrelo::app {
 namespace {
 
 TEST(AgentTest, ConfigDirectory) {
@@ -111,4 +111,4 @@ TEST(AgentTest, StartsAndStopsWorkersInOrder) {
 }
 
 }  // namespace
-}  // namespace ns::app
+}  // namespace vantrelo::app

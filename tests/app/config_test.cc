@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 namespace {
 
 // The entries read from `text`, each as "key=value;".
@@ -58,4 +58,4 @@ TEST(ConfigTest, LookupTakesTheFirstAndLookupAllEveryOccurrence) {
 }
 
 }  // namespace
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

@@ -8,7 +8,7 @@
 
 #include "etw/windows_version.h"
 
-namespace ns::app::config {
+namespace vantrelo::app::config {
 namespace {
 
 AgentConfig configOf(const std::string& text) {
@@ -192,4 +192,4 @@ TEST(SettingsReaderTest, EtwKeys) {
 }
 
 }  // namespace
-}  // namespace ns::app::config
+}  // namespace vantrelo::app::config

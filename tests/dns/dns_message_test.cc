@@ -8,7 +8,7 @@
 
 #include "wire_builder.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 using testing::Bytes;
@@ -170,4 +170,4 @@ TEST(ReadNameTest, PointersLabelsAndEscapes) {
 }
 
 }  // namespace
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 TEST(BuiltinRulesTest, ListOrderAndForm) {
@@ -63,4 +63,4 @@ TEST(DomainOffsetTest, BuiltinAndConfiguredSuffixes) {
 }
 
 }  // namespace
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

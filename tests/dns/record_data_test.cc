@@ -8,7 +8,7 @@
 #include "dns/dns_message.h"
 #include "wire_builder.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 using testing::Bytes;
@@ -99,4 +99,4 @@ TEST(PresentRdataTest, NamesFollowTrailingDotSetting) {
 }
 
 }  // namespace
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

@@ -12,7 +12,7 @@
 
 #include "dns/dns_message.h"
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 // The service binding texts differ on purpose in one point: every value is quoted here, while the
@@ -57,4 +57,4 @@ TEST(RecordDataZoneTest, MatchesStandardPresentation) {
 }
 
 }  // namespace
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

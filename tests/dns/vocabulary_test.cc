@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::net::dns {
+namespace vantrelo::net::dns {
 namespace {
 
 TEST(VocabularyTest, NamesAndFallbacks) {
@@ -36,4 +36,4 @@ TEST(VocabularyTest, NamesAndFallbacks) {
 }
 
 }  // namespace
-}  // namespace ns::net::dns
+}  // namespace vantrelo::net::dns

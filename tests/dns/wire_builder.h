@@ -10,7 +10,7 @@
 
 #include "dns/dns_message.h"
 
-namespace ns::net::dns::testing {
+namespace vantrelo::net::dns::testing {
 
 using Bytes = std::vector<uint8_t>;
 
@@ -64,4 +64,4 @@ inline DnsMessage parsed(const Bytes& bytes, bool trailing_dot = true) {
   return message;
 }
 
-}  // namespace ns::net::dns::testing
+}  // namespace vantrelo::net::dns::testing

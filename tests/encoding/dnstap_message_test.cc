@@ -7,7 +7,7 @@
 #include "encoding/text_encoding.h"
 #include "test_helpers.h"
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 namespace {
 
 using test::b;
@@ -109,4 +109,4 @@ TEST(DnstapMessageTest, DecodeClearsThenFillsOrFailsWithTheMessage) {
 }
 
 }  // namespace
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

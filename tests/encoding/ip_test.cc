@@ -7,7 +7,7 @@
 
 #include "test_helpers.h"
 
-namespace ns::encoding::ip {
+namespace vantrelo::encoding::ip {
 namespace {
 
 using test::b;
@@ -78,4 +78,4 @@ TEST(IpTest, ParseRefusesOtherTexts) {
 }
 
 }  // namespace
-}  // namespace ns::encoding::ip
+}  // namespace vantrelo::encoding::ip

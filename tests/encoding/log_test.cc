@@ -4,7 +4,7 @@
 
 #include <string>
 
-namespace ns::log {
+namespace vantrelo::log {
 namespace {
 
 struct RecordingLog : SystemLog {
@@ -44,4 +44,4 @@ TEST(LogTest, SystemLogOrConsoleLines) {
 }
 
 }  // namespace
-}  // namespace ns::log
+}  // namespace vantrelo::log

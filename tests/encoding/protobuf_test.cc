@@ -8,7 +8,7 @@
 
 #include "test_helpers.h"
 
-namespace ns::encoding::dnstap {
+namespace vantrelo::encoding::dnstap {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -94,4 +94,4 @@ TEST(ProtobufTest, FixedWidthLengthsAndSkips) {
 }
 
 }  // namespace
-}  // namespace ns::encoding::dnstap
+}  // namespace vantrelo::encoding::dnstap

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string>
 
-namespace ns::test {
+namespace vantrelo::test {
 
 // Byte strings from literals with NULs inside.
 template <size_t N>
@@ -23,4 +23,4 @@ std::string errorOf(F run) {
   return "";
 }
 
-}  // namespace ns::test
+}  // namespace vantrelo::test

@@ -7,7 +7,7 @@
 
 #include "test_helpers.h"
 
-namespace ns::encoding {
+namespace vantrelo::encoding {
 namespace {
 
 using test::b;
@@ -72,4 +72,4 @@ TEST(TextEncodingTest, DecodersTakeMoreThanTheEncodersWriteAndNameWhatTheyRefuse
 }
 
 }  // namespace
-}  // namespace ns::encoding
+}  // namespace vantrelo::encoding

@@ -6,7 +6,7 @@
 #include <string>
 #include <tuple>
 
-namespace ns::encoding::time {
+namespace vantrelo::encoding::time {
 namespace {
 
 // The compact, RFC 3339 and RFC 3164 layouts of one UTC time, each appended to the text before it.
@@ -53,4 +53,4 @@ TEST(TimeFormatTest, DaysFollowEachOtherOverAFullCycle) {
 }
 
 }  // namespace
-}  // namespace ns::encoding::time
+}  // namespace vantrelo::encoding::time

@@ -3,7 +3,7 @@
 #include "etw/etw_reader.h"
 #include "etw/windows_version.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 namespace {
 
 TEST(EtwReaderPosix, CaptureNeedsWindows) {
@@ -22,4 +22,4 @@ TEST(EtwReaderPosix, CaptureNeedsWindows) {
 }
 
 }  // namespace
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

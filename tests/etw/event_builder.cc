@@ -6,7 +6,7 @@
 
 #include "etw/windows_version.h"
 
-namespace ns::etw::testing {
+namespace vantrelo::etw::testing {
 namespace {
 
 // Properties by index as the provider declares them, one letter each:
@@ -69,4 +69,4 @@ SyntheticEvent buildEvent(uint16_t eventId, uint32_t version, const EventValues&
   return event;
 }
 
-}  // namespace ns::etw::testing
+}  // namespace vantrelo::etw::testing

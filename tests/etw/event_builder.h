@@ -9,7 +9,7 @@
 
 #include "etw/event_record.h"
 
-namespace ns::etw::testing {
+namespace vantrelo::etw::testing {
 
 // A finished event; its declarations and bytes can still be damaged for error tests.
 struct SyntheticEvent : EventRecordView {
@@ -42,4 +42,4 @@ struct EventValues {
 SyntheticEvent buildEvent(uint16_t eventId, uint32_t windowsVersion,
                           const EventValues& values = {});
 
-}  // namespace ns::etw::testing
+}  // namespace vantrelo::etw::testing

@@ -10,7 +10,7 @@
 #include "etw/windows_version.h"
 #include "event_builder.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 namespace {
 
 using encoding::dnstap::DnstapMessage;
@@ -227,4 +227,4 @@ TEST(EventDecoder, HeaderFieldsSurviveEveryEvent) {
 }
 
 }  // namespace
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -8,7 +8,7 @@
 #include "etw/windows_version.h"
 #include "event_builder.h"
 
-namespace ns::etw {
+namespace vantrelo::etw {
 namespace {
 
 // The string ends the decoder's layouts never produce: no terminator before the end of the
@@ -45,4 +45,4 @@ TEST(PropertyReader, StringEnds) {
 }
 
 }  // namespace
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

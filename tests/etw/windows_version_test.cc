@@ -6,7 +6,7 @@
 #include <tuple>
 #include <utility>
 
-namespace ns::etw {
+namespace vantrelo::etw {
 namespace {
 
 // The release index for a version record, or the refusal.
@@ -56,4 +56,4 @@ TEST(WindowsVersionTest, NamesAndConfigurationValues) {
 }
 
 }  // namespace
-}  // namespace ns::etw
+}  // namespace vantrelo::etw

@@ -10,7 +10,7 @@
 
 #include "event/queue_file.h"
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 namespace {
 
 namespace fs = std::filesystem;
@@ -41,4 +41,4 @@ TEST(FilePosixTest, StatAndReadFailuresCarryTheSystemText) {
 }
 
 }  // namespace
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue

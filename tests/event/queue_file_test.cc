@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-namespace ns::event::queue {
+namespace vantrelo::event::queue {
 namespace {
 
 namespace fs = std::filesystem;
@@ -82,7 +82,7 @@ TEST_F(QueueFileTest, SaveReplacesTheFileAndLoadRestoresIt) {
     EXPECT_EQ(run(save, c.pushed, left, c.recovery), "");
     EXPECT_EQ(left, c.left);
     EXPECT_EQ(readFile(path_), c.recovery ? "sslz" + records(c.saved) : old);
-    EXPECT_EQ(ns::file::fileSize(path_), readFile(path_).size());
+    EXPECT_EQ(vantrelo::file::fileSize(path_), readFile(path_).size());
     EXPECT_EQ(run(load, {}, loaded, c.recovery), "");
     EXPECT_EQ(loaded, c.saved);
     EXPECT_EQ(fs::exists(path_), !c.recovery);
@@ -135,8 +135,8 @@ TEST_F(QueueFileTest, FailedSaveLeavesNoTemporaryFile) {
   EXPECT_TRUE(fs::is_directory(fs::path(path_) / "occupied"));
   fs::remove_all(dir_);
   EXPECT_EQ(run(save, {"event"}, left),
-            "Open " + path_ + ".tmp failed: " + ns::error::systemErrorText(ENOENT));
+            "Open " + path_ + ".tmp failed: " + vantrelo::error::systemErrorText(ENOENT));
 }
 
 }  // namespace
-}  // namespace ns::event::queue
+}  // namespace vantrelo::event::queue

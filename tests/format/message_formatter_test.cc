@@ -8,7 +8,7 @@
 
 #include "wire_builder.h"
 
-namespace ns::format {
+namespace vantrelo::format {
 
 #ifndef VANTRELO_JSON_LINES
 #define VANTRELO_JSON_LINES ""  // no strict parser in this build: the lines go nowhere
@@ -292,4 +292,4 @@ TEST(MessageFormatterTest, DnstapFrameLengthIsBigEndian) {
 }
 
 }  // namespace
-}  // namespace ns::format
+}  // namespace vantrelo::format

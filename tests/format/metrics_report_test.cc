@@ -11,7 +11,7 @@
 // Receivers below leave their trailing counters out.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-namespace ns::format {
+namespace vantrelo::format {
 namespace {
 
 // A snapshot, its key=value line behind "Metrics: " and its JSON object.
@@ -84,4 +84,4 @@ TEST(MetricsReportTest, BothLayouts) {
 }
 
 }  // namespace
-}  // namespace ns::format
+}  // namespace vantrelo::format

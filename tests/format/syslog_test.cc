@@ -5,7 +5,7 @@
 #include <string>
 #include <tuple>
 
-namespace ns::format {
+namespace vantrelo::format {
 namespace {
 
 TEST(SyslogTest, HeaderForEachStyle) {
@@ -32,4 +32,4 @@ TEST(SyslogTest, HeaderForEachStyle) {
 }
 
 }  // namespace
-}  // namespace ns::format
+}  // namespace vantrelo::format

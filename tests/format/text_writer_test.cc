@@ -6,7 +6,7 @@
 #include <string>
 #include <utility>
 
-namespace ns::format {
+namespace vantrelo::format {
 namespace {
 
 TEST(TextWriterTest, JsonStringEscapesOnlyItsEightBytes) {
@@ -25,4 +25,4 @@ TEST(TextWriterTest, JsonStringEscapesOnlyItsEightBytes) {
 }
 
 }  // namespace
-}  // namespace ns::format
+}  // namespace vantrelo::format

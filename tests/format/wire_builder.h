@@ -10,7 +10,7 @@
 #include "encoding/dnstap_message.h"
 #include "encoding/ip.h"
 
-namespace ns::format::testing {
+namespace vantrelo::format::testing {
 
 class Wire {
  public:
@@ -76,4 +76,4 @@ inline encoding::dnstap::DnstapMessage makeRecord(uint64_t type, uint64_t family
 // parser that ctest runs after format_test.
 std::ostream& jsonLines();
 
-}  // namespace ns::format::testing
+}  // namespace vantrelo::format::testing

@@ -11,7 +11,7 @@
 
 #include "net_test_support.h"
 
-namespace ns::net::fstrm {
+namespace vantrelo::net::fstrm {
 namespace {
 
 using namespace testing;
@@ -216,4 +216,4 @@ TEST_F(FstrmInteropTest, ReceiverTakesWhatTheReplayToolSends) {
 #endif
 
 }  // namespace
-}  // namespace ns::net::fstrm
+}  // namespace vantrelo::net::fstrm

@@ -14,7 +14,7 @@
 #include <unistd.h>
 #endif
 
-namespace ns::net::testing {
+namespace vantrelo::net::testing {
 
 namespace {
 
@@ -166,4 +166,4 @@ std::string readFile(const std::string& path) {
   return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
-}  // namespace ns::net::testing
+}  // namespace vantrelo::net::testing

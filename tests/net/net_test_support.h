@@ -13,7 +13,7 @@
 #include "net/socket.h"
 #include "net/tls_socket.h"
 
-namespace ns::net::testing {
+namespace vantrelo::net::testing {
 
 // Settings for a TCP socket on 127.0.0.1 with short time-outs.
 SocketSettings loopbackSettings(uint16_t port = 0, uint32_t timeout = 2);
@@ -84,4 +84,4 @@ std::string makeTempDirectory(const std::string& tag);
 // The whole file; empty when it cannot be read.
 std::string readFile(const std::string& path);
 
-}  // namespace ns::net::testing
+}  // namespace vantrelo::net::testing

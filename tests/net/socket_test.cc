@@ -17,7 +17,7 @@
 #include <arpa/inet.h>
 #endif
 
-namespace ns::net {
+namespace vantrelo::net {
 namespace {
 
 using namespace testing;
@@ -162,4 +162,4 @@ TEST(SocketTest, UnixListenersOwnTheirSocketFile) {
 }
 
 }  // namespace
-}  // namespace ns::net
+}  // namespace vantrelo::net

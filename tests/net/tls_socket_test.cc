@@ -11,7 +11,7 @@
 
 #include "net_test_support.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 namespace {
 
 using namespace testing;
@@ -199,4 +199,4 @@ TEST_F(TlsSocketTest, ServerMeetsARealClientAndItsCloseAlert) {
 }
 
 }  // namespace
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

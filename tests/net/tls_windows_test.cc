@@ -15,7 +15,7 @@
 #include "net/tls_socket.h"
 #include "net_test_support.h"
 
-namespace ns::net::tls {
+namespace vantrelo::net::tls {
 namespace {
 
 using namespace testing;
@@ -245,4 +245,4 @@ TEST(PeerHarnessTest, ServerRoleWithAnImportedCertificate) {
 }
 
 }  // namespace
-}  // namespace ns::net::tls
+}  // namespace vantrelo::net::tls

@@ -10,7 +10,7 @@
 #include "net_test_support.h"
 #include "worker_test_support.h"
 
-namespace ns::worker {
+namespace vantrelo::worker {
 namespace {
 
 using net::testing::LogRecorder;
@@ -62,4 +62,4 @@ TEST(BackgroundLoggerTest, ReportsOnTheWallClockMultipleAndOnceMoreAfterAStop) {
 }
 
 }  // namespace
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

@@ -15,7 +15,7 @@
 #include "worker/forwarder.h"
 #include "worker_test_support.h"
 
-namespace ns::worker {
+namespace vantrelo::worker {
 namespace {
 
 using format::MessageFormat;
@@ -107,4 +107,4 @@ TEST(EtwPipelineTest, CapturedEventsReachTheCollectorAsExactLines) {
 }
 
 }  // namespace
-}  // namespace ns::worker
+}  // namespace vantrelo::worker

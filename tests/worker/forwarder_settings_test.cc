@@ -5,7 +5,7 @@
 #include <string>
 #include <tuple>
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 namespace {
 
 std::string parseError(const std::string& value) {
@@ -83,4 +83,4 @@ TEST(ForwarderSettingsTest, Errors) {
 }
 
 }  // namespace
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

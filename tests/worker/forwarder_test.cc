@@ -14,7 +14,7 @@
 #include "net_test_support.h"
 #include "worker_test_support.h"
 
-namespace ns::worker::forwarder {
+namespace vantrelo::worker::forwarder {
 namespace {
 
 using format::MessageFormat;
@@ -225,4 +225,4 @@ TEST(ForwarderTest, StopsPromptlyDuringTheReconnectPause) {
 }
 
 }  // namespace
-}  // namespace ns::worker::forwarder
+}  // namespace vantrelo::worker::forwarder

@@ -6,7 +6,7 @@
 #include <tuple>
 #include <vector>
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 namespace {
 
 std::string parseError(const std::string& value) {
@@ -111,4 +111,4 @@ TEST(ListenerSettingsTest, Errors) {
 }
 
 }  // namespace
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

@@ -10,7 +10,7 @@
 #include "net_test_support.h"
 #include "worker_test_support.h"
 
-namespace ns::worker::listener {
+namespace vantrelo::worker::listener {
 namespace {
 
 using net::testing::LogRecorder;
@@ -118,4 +118,4 @@ TEST(ListenerTest, ShortConnectionsLeaveNothingBehind) {
 }
 
 }  // namespace
-}  // namespace ns::worker::listener
+}  // namespace vantrelo::worker::listener

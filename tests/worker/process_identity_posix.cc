@@ -5,7 +5,7 @@
 
 #include "worker_test_support.h"
 
-namespace ns::worker::testing {
+namespace vantrelo::worker::testing {
 
 int threadCount() {
   std::error_code error;
@@ -18,4 +18,4 @@ PeerIdentity ownPeerIdentity() {
                       static_cast<uint32_t>(getpid())};
 }
 
-}  // namespace ns::worker::testing
+}  // namespace vantrelo::worker::testing

@@ -1,6 +1,6 @@
 #include "worker_test_support.h"
 
-namespace ns::worker::testing {
+namespace vantrelo::worker::testing {
 
 // Thread counting is left to the POSIX build, which runs the same test.
 int threadCount() { return -1; }
@@ -8,4 +8,4 @@ int threadCount() { return -1; }
 // Windows passes no credentials over Unix-domain sockets.
 PeerIdentity ownPeerIdentity() { return PeerIdentity{}; }
 
-}  // namespace ns::worker::testing
+}  // namespace vantrelo::worker::testing

@@ -11,7 +11,7 @@
 #include "net_test_support.h"
 #include "worker_test_support.h"
 
-namespace ns::worker::receiver {
+namespace vantrelo::worker::receiver {
 namespace {
 
 using net::testing::LogRecorder;
@@ -100,4 +100,4 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
 }
 
 }  // namespace
-}  // namespace ns::worker::receiver
+}  // namespace vantrelo::worker::receiver

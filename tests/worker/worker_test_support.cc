@@ -7,7 +7,7 @@
 
 #include "encoding/dnstap_message.h"
 
-namespace ns::worker::testing {
+namespace vantrelo::worker::testing {
 
 using net::testing::be32;
 
@@ -120,4 +120,4 @@ void Sender::send(const std::string& payload) {
   fstrm->writeBytes(frame.data(), static_cast<uint32_t>(frame.size()));
 }
 
-}  // namespace ns::worker::testing
+}  // namespace vantrelo::worker::testing

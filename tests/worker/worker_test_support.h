@@ -16,7 +16,7 @@
 #include "net_test_support.h"
 #include "worker/listener.h"
 
-namespace ns::worker::testing {
+namespace vantrelo::worker::testing {
 
 // One encoded client-query event whose query name is "e<number>.example.com", so that every
 // event of a test can be told apart in any output format.
@@ -74,4 +74,4 @@ struct Sender {
   std::unique_ptr<net::fstrm::FstrmSocket> fstrm;
 };
 
-}  // namespace ns::worker::testing
+}  // namespace vantrelo::worker::testing
