@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <vector>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/etw_settings.h"
 #include "etw/event_decoder.h"
 #include "etw/event_record.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <thread>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "net/fstrm_socket.h"
 #include "net/socket.h"
 #include "net/tls_socket.h"

@@ -18,8 +18,8 @@
 #include <string>
 #include <thread>
 
+#include "base/log.h"
 #include "encoding/dnstap_message.h"
-#include "encoding/log.h"
 #include "loadgen_traffic.h"
 #include "net/fstrm_socket.h"
 #include "net/net_settings.h"

@@ -8,7 +8,7 @@
 #include "app/platform.h"
 #include "app/process_state.h"
 #include "app/settings_reader.h"
-#include "encoding/log.h"
+#include "base/log.h"
 #include "event/queue_file.h"
 
 namespace vantrelo::app {

@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::app::config {
 

@@ -7,7 +7,7 @@
 
 #include "app/platform.h"
 #include "app/process_state.h"
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::app::platform {
 

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "app/platform.h"
-#include "encoding/error.h"
-#include "encoding/log.h"
+#include "base/error.h"
+#include "base/log.h"
 #include "etw/windows_version.h"
 #include "worker/value_syntax.h"
 

@@ -1,7 +1,7 @@
 #include <syslog.h>
 
 #include "app/platform.h"
-#include "encoding/log.h"
+#include "base/log.h"
 
 namespace vantrelo::app::platform {
 

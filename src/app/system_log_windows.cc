@@ -1,8 +1,8 @@
 #include <windows.h>
 
 #include "app/platform.h"
-#include "encoding/error.h"
-#include "encoding/log.h"
+#include "base/error.h"
+#include "base/log.h"
 
 namespace vantrelo::app::platform {
 

@@ -3,15 +3,15 @@
 #include <exception>
 #include <string>
 
+#include "base/data.h"
 #include "dns/record_data.h"
-#include "encoding/data.h"
 
 namespace vantrelo::net::dns {
 namespace {
 
-using encoding::data::readUint16;
-using encoding::data::readUint32;
-using encoding::data::readUint8;
+using base::data::readUint16;
+using base::data::readUint32;
+using base::data::readUint8;
 
 constexpr uint32_t kHeaderSize = 12;
 constexpr uint8_t kPointerMask = 0xC0;

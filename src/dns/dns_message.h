@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::net::dns {
 
@@ -69,7 +69,7 @@ void parse(const uint8_t* bytes, uint32_t length, DnsMessage& message, bool trai
 
 // Appends the presentation form of the name at `offset` to `out_text` and returns the offset just
 // after the name as it lies in the message (after the first compression pointer, if any).
-// Throws DnsError or encoding::data::DataError.
+// Throws DnsError or base::data::DataError.
 uint32_t read_name(uint32_t offset, const uint8_t* bytes, uint32_t length, std::string& out_text,
                    bool trailing_dot);
 

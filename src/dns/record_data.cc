@@ -3,10 +3,10 @@
 #include <string>
 #include <string_view>
 
+#include "base/data.h"
 #include "dns/dns_message.h"
 #include "dns/svcb_params.h"
 #include "dns/vocabulary.h"
-#include "encoding/data.h"
 #include "encoding/ip.h"
 #include "encoding/text_encoding.h"
 #include "encoding/time_format.h"
@@ -14,9 +14,9 @@
 namespace vantrelo::net::dns {
 namespace {
 
-using encoding::data::readUint16;
-using encoding::data::readUint32;
-using encoding::data::readUint8;
+using base::data::readUint16;
+using base::data::readUint32;
+using base::data::readUint8;
 
 constexpr uint32_t kIpv4Size = 4;
 constexpr uint32_t kIpv6Size = 16;

@@ -3,18 +3,18 @@
 #include <string>
 #include <string_view>
 
+#include "base/data.h"
 #include "dns/dns_message.h"
 #include "dns/record_data.h"
 #include "dns/vocabulary.h"
-#include "encoding/data.h"
 #include "encoding/ip.h"
 #include "encoding/text_encoding.h"
 
 namespace vantrelo::net::dns {
 namespace {
 
-using encoding::data::readUint16;
-using encoding::data::readUint8;
+using base::data::readUint16;
+using base::data::readUint8;
 
 constexpr uint16_t kKeyMandatory = 0;
 constexpr uint16_t kKeyAlpn = 1;

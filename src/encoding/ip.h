@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::encoding::ip {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <utility>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "etw/host_name.h"
 
 namespace vantrelo::etw {

@@ -12,7 +12,7 @@
 #include <memory>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/etw_reader.h"
 #include "etw/windows_version.h"
 

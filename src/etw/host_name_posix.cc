@@ -4,7 +4,7 @@
 #include <cstring>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/host_name.h"
 #include "etw/windows_version.h"
 

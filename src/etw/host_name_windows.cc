@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/host_name.h"
 #include "etw/windows_version.h"
 

@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::etw {
 

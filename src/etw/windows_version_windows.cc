@@ -1,6 +1,6 @@
 #include <windows.h>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/windows_version.h"
 
 namespace vantrelo::etw {

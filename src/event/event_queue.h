@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::event::queue {
 

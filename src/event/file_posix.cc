@@ -1,6 +1,6 @@
 #include <sys/stat.h>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "event/file_platform.h"
 
 namespace vantrelo::file::platform {

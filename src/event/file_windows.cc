@@ -1,7 +1,7 @@
 #include <sys/stat.h>
 #include <sys/types.h>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "event/file_platform.h"
 
 namespace vantrelo::file::platform {

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "event/event_queue.h"
 
 namespace vantrelo::event::queue {

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
-#include "encoding/data.h"
-#include "encoding/log.h"
+#include "base/data.h"
+#include "base/log.h"
 
 namespace vantrelo::net::fstrm {
 
@@ -114,13 +114,13 @@ uint32_t FstrmSocket::readControl(bool readEscape, bool checkContentType) {
   readBytes(buffer_.data(), length);
   const uint8_t* body = buffer_.data();
   uint32_t type = 0;
-  uint32_t offset = encoding::data::readUint32(type, body, length, 0);
+  uint32_t offset = base::data::readUint32(type, body, length, 0);
   if (!checkContentType) return type;
   while (offset < length) {
     uint32_t fieldType = 0;
     uint32_t fieldLength = 0;
-    offset = encoding::data::readUint32(fieldType, body, length, offset);
-    offset = encoding::data::readUint32(fieldLength, body, length, offset);
+    offset = base::data::readUint32(fieldType, body, length, offset);
+    offset = base::data::readUint32(fieldLength, body, length, offset);
     if (fieldLength > length - offset) break;
     if (fieldType == kFieldContentType && fieldLength == kContentTypeLength &&
         std::memcmp(body + offset, kContentType, kContentTypeLength) == 0) {

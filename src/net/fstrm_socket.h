@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/net_settings.h"
 #include "net/socket.h"
 #include "net/tls_socket.h"

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "net/socket_platform.h"
 
 namespace vantrelo::net {

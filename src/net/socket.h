@@ -16,7 +16,7 @@
 #include <memory>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/net_settings.h"
 
 namespace vantrelo::net {

@@ -14,7 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/socket_addresses.h"
 #include "net/socket_platform.h"
 

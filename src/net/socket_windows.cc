@@ -7,7 +7,7 @@
 
 #include <cstring>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/socket_addresses.h"
 #include "net/socket_platform.h"
 

@@ -2,7 +2,7 @@
 
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "encoding/text_encoding.h"
 #include "net/tls_socket.h"
 

@@ -14,7 +14,7 @@
 #include <memory>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/net_settings.h"
 #include "net/socket.h"
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <vector>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "net/certificate_store.h"
 #include "net/socket_platform.h"
 #include "net/tls_socket.h"

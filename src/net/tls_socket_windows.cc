@@ -14,8 +14,8 @@
 #include <cstring>
 #include <vector>
 
-#include "encoding/error.h"
-#include "encoding/log.h"
+#include "base/error.h"
+#include "base/log.h"
 #include "net/system_certificate_windows.h"
 #include "net/tls_socket.h"
 

@@ -6,7 +6,7 @@
 #include <system_error>
 #include <utility>
 
-#include "encoding/log.h"
+#include "base/log.h"
 
 namespace vantrelo::worker {
 

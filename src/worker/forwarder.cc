@@ -3,7 +3,7 @@
 #include <chrono>
 #include <exception>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "encoding/text_encoding.h"
 
 namespace vantrelo::worker::forwarder {

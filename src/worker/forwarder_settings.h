@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "net/net_settings.h"
 
 namespace vantrelo::worker::forwarder {

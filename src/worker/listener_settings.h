@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "etw/etw_settings.h"
 #include "net/net_settings.h"
 

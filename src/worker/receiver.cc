@@ -3,7 +3,7 @@
 #include <exception>
 #include <utility>
 
-#include "encoding/log.h"
+#include "base/log.h"
 
 namespace vantrelo::worker::receiver {
 

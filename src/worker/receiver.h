@@ -18,7 +18,7 @@
 #include <string>
 #include <thread>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "event/event_queue.h"
 #include "net/fstrm_socket.h"
 #include "net/net_settings.h"

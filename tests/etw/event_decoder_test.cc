@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "encoding/error.h"
+#include "base/error.h"
 #include "encoding/ip.h"
 #include "etw/windows_version.h"
 #include "event_builder.h"

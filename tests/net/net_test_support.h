@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "encoding/log.h"
+#include "base/log.h"
 #include "net/socket.h"
 #include "net/tls_socket.h"
 

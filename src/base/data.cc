@@ -1,8 +1,8 @@
-#include "encoding/data.h"
+#include "base/data.h"
 
 #include <string>
 
-namespace vantrelo::encoding::data {
+namespace vantrelo::base::data {
 
 namespace {
 
@@ -36,4 +36,4 @@ uint32_t readUint32(uint32_t& out, const uint8_t* data, uint32_t size, uint32_t 
   return offset + 4;
 }
 
-}  // namespace vantrelo::encoding::data
+}  // namespace vantrelo::base::data

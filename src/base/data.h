@@ -7,9 +7,9 @@
 
 #include <cstdint>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
-namespace vantrelo::encoding::data {
+namespace vantrelo::base::data {
 
 NS_DEFINE_ERROR(DataError);
 
@@ -17,4 +17,4 @@ uint32_t readUint8(uint8_t& out, const uint8_t* data, uint32_t size, uint32_t of
 uint32_t readUint16(uint16_t& out, const uint8_t* data, uint32_t size, uint32_t offset);
 uint32_t readUint32(uint32_t& out, const uint8_t* data, uint32_t size, uint32_t offset);
 
-}  // namespace vantrelo::encoding::data
+}  // namespace vantrelo::base::data

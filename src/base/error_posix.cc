@@ -1,7 +1,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::error {
 

@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "encoding/error.h"
+#include "base/error.h"
 
 namespace vantrelo::error {
 
