@@ -107,7 +107,8 @@ class Forwarder {
   std::unique_ptr<net::tls::TlsSocket> tls_;
   std::unique_ptr<net::fstrm::FstrmSocket> fstrm_;
   std::string sendBuffer_;
-  std::string hexBuffer_;  // standard-output mode with dnstap: the batch as one hex line
+  std::string hexBuffer_;         // standard-output mode with dnstap: the batch as one hex line
+  std::vector<uint32_t> popped_;  // lengths of the events of the last pop, before formatting
   Batch batches_[2];
   int currentIndex_ = 0;
   bool established_ = false;
