@@ -61,8 +61,7 @@ void EventQueue::write(const uint8_t* data, uint64_t length) {
 void EventQueue::dropOldest() {
   advanceRead(uint64_t{lengthAtRead()} + kLengthBytes);
   dropped_.fetch_add(1);
-  // count_ only changes under the data mutex, so the test and the decrement cannot race.
-  if (count_.load() > 0) count_.fetch_sub(1);
+  if (queued_ > 0) --queued_;
 }
 
 void EventQueue::checkFits(uint32_t length) const {
@@ -87,6 +86,7 @@ void EventQueue::append(const uint8_t* data, uint32_t length) {
   while (options_.size - usedBytes() < needed) dropOldest();
   write(header, kLengthBytes);
   write(data, length);
+  ++queued_;
 }
 
 void EventQueue::wakeOne(bool sleeping) {
@@ -101,7 +101,7 @@ void EventQueue::push(const uint8_t* data, uint32_t length) {
   {
     std::lock_guard<std::mutex> lock(dataMutex_);
     append(data, length);
-    count_.fetch_add(1);
+    count_.store(queued_);
     sleeping = sleepers_ > 0;
   }
   wakeOne(sleeping);
@@ -117,7 +117,7 @@ void EventQueue::pushBatch(const EventSpan* events, size_t count) {
   if (fitting > 0) {
     std::lock_guard<std::mutex> lock(dataMutex_);
     for (size_t i = 0; i < fitting; ++i) append(events[i].data, events[i].length);
-    count_.fetch_add(fitting);
+    count_.store(queued_);
     sleeping = sleepers_ > 0;
   }
   wakeOne(sleeping);
@@ -145,7 +145,8 @@ void EventQueue::pop(std::string& out) {
   std::lock_guard<std::mutex> lock(dataMutex_);
   if (empty()) return;
   take(out);
-  if (count_.load() > 0) count_.fetch_sub(1);
+  if (queued_ > 0) --queued_;
+  count_.store(queued_);
   popped_.fetch_add(1);
 }
 
@@ -156,8 +157,8 @@ uint32_t EventQueue::popBatch(std::string& out, std::vector<uint32_t>& lengths, 
     std::lock_guard<std::mutex> lock(dataMutex_);
     for (; taken < most && !empty(); ++taken) lengths.push_back(take(out));
     if (taken == 0) return 0;
-    const uint64_t count = count_.load();
-    count_.fetch_sub(taken < count ? taken : count);
+    queued_ -= taken < queued_ ? taken : queued_;
+    count_.store(queued_);
     popped_.fetch_add(taken);
     // More than one batch was queued: another consumer can take the rest at the same time.
     sleeping = sleepers_ > 0 && !empty();

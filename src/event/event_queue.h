@@ -105,6 +105,7 @@ class EventQueue {
   uint64_t readIndex_ = 0;   // first length byte of the oldest event
   uint64_t writeIndex_ = 0;  // where the next byte goes
   bool wrapped_ = false;     // the writer has passed the end of the ring, the reader not yet
+  uint64_t queued_ = 0;      // events in the ring; count_ publishes it to readers without the lock
   std::mutex dataMutex_;
   std::condition_variable condition_;  // waits under dataMutex_
   uint32_t sleepers_ = 0;              // consumers in a wait; guarded by dataMutex_
