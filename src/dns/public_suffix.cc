@@ -39,13 +39,16 @@ void DomainSuffixes::add_configured_suffix(std::string_view text, bool trailing_
 uint32_t DomainSuffixes::domain_offset(const char* lower_name, uint32_t length, bool use_builtin,
                                        bool use_config) const {
   if (!use_builtin && !use_config) return length;
+  // An empty set is not asked: that would still hash every suffix of the name.
+  const bool ask_config = use_config && !configured_.empty();
+  const bool ask_builtin = use_builtin && !builtin_.empty();
   uint32_t start = 0;
   uint32_t previous = 0;
   // Suffixes are tried from the longest down to the empty text behind the last label.
   for (;;) {
     std::string_view suffix(lower_name + start, length - start);
-    if (use_config && configured_.find(suffix) != configured_.end()) return start;
-    if (use_builtin && builtin_.find(suffix) != builtin_.end()) return previous;
+    if (ask_config && configured_.find(suffix) != configured_.end()) return start;
+    if (ask_builtin && builtin_.find(suffix) != builtin_.end()) return previous;
     if (start >= length) return previous;
     previous = start;
     while (start < length && lower_name[start] != '.') ++start;
