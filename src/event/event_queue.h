@@ -87,6 +87,8 @@ class EventQueue {
   void advanceRead(uint64_t count);
   // Copies `length` bytes in at writeIndex_, in at most two pieces around the end of the ring.
   void write(const uint8_t* data, uint64_t length);
+  // Moves both indices back to the start of the ring when it holds nothing.
+  void restartIfEmpty();
   // Removes the oldest event without reading it out.
   void dropOldest();
   // Checks that an event can ever fit; throws QueueError when not.

@@ -29,7 +29,8 @@ Counts snapshot(EventQueue& queue) {
 }
 
 // The queue without the ring: whole events, the oldest dropped until the new one fits. Also
-// records where each event's length would start in the ring, to prove every wrap was hit.
+// records where each event's length would start in the ring (a pop that empties it starts the
+// ring over), to prove every wrap was hit.
 struct Model {
   explicit Model(uint64_t ringSize) : size(ringSize) {}
   uint64_t size, used = 0, popped = 0, dropped = 0, at = 0;
@@ -54,6 +55,7 @@ struct Model {
     }
     used -= events.front().size() + kLengthBytes;
     events.pop_front();
+    if (out != nullptr && events.empty()) at = 0;
   }
 };
 
