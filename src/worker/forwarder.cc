@@ -154,10 +154,11 @@ void Forwarder::fillBatch() {
   Batch& batch = current();
   // One lock for the whole batch; the events are then checked and formatted outside it.
   popped_.clear();
+  const size_t start = batch.events.size();
   if (queue_.popBatch(batch.events, popped_, settings_.batchSize) == 0) return;
   auto* events = reinterpret_cast<uint8_t*>(batch.events.data());
-  size_t read = 0;
-  size_t kept = 0;
+  size_t read = start;
+  size_t kept = start;
   for (const uint32_t length : popped_) {
     const size_t formattedFrom = sendBuffer_.size();
     bool formatted = false;
