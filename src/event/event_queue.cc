@@ -116,10 +116,7 @@ void EventQueue::push(const uint8_t* data, uint32_t length) {
 
 void EventQueue::pushBatch(const EventSpan* events, size_t count) {
   size_t fitting = 0;
-  while (fitting < count && uint64_t{events[fitting].length} + kLengthBytes <= options_.size &&
-         events[fitting].length <= kMaxEventLength) {
-    ++fitting;
-  }
+  while (fitting < count && fits(events[fitting].length)) ++fitting;
   bool sleeping = false;
   if (fitting > 0) {
     std::lock_guard<std::mutex> lock(dataMutex_);

@@ -74,6 +74,10 @@ class EventQueue {
   // For the metrics report: events popped and dropped since the last snapshot, events queued now.
   void snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropped);
 
+  // Whether an event of `length` bytes can ever be pushed.
+  bool fits(uint32_t length) const {
+    return uint64_t{length} + kLengthBytes <= options_.size && length <= kMaxEventLength;
+  }
   const QueueOptions& options() const { return options_; }
   uint64_t count() const { return count_.load(); }
 

@@ -77,16 +77,22 @@ void Receiver::run() {
 }
 
 void Receiver::deliver() {
-  // Straight from the read-ahead buffer into the ring: the one copy a relayed frame costs.
+  // Straight from the read-ahead buffer into the ring: the one copy a relayed frame costs. The
+  // queue takes the frames up to one that can never fit, and only those count as received.
   events_.clear();
   uint64_t bytes = 0;
   for (const net::fstrm::FrameSpan& frame : frames_) {
+    if (!queue_.fits(frame.length)) break;
     events_.push_back({frame.data, frame.length});
     bytes += frame.length + kFrameLengthBytes;
   }
   queue_.pushBatch(events_.data(), events_.size());
   eventsReceived_.fetch_add(events_.size());
   bytesReceived_.fetch_add(bytes);
+  // Refused with the queue's own error, as a single push would be.
+  if (events_.size() < frames_.size()) {
+    queue_.push(frames_[events_.size()].data, frames_[events_.size()].length);
+  }
 }
 
 bool Receiver::waitForData() {
