@@ -64,8 +64,8 @@ struct ListenerMetrics {
   uint64_t active_receivers = 0;
   uint64_t peak_receivers = 0;
   EtwMetrics etw;
-  FilterMetrics filter;
   std::vector<ReceiverMetrics> receivers;
+  FilterMetrics filter;
 };
 
 struct QueueMetrics {
