@@ -149,6 +149,10 @@ std::shared_ptr<const FilterSettings> readFilterSettings(const KeyLookup& lookup
   readDomains(lookup, "filter-drop-domain", "filter-drop-domain-file", settings->dropDomains);
   settings->keepList =
       readDomains(lookup, "filter-keep-domain", "filter-keep-domain-file", settings->keepDomains);
+  // An empty keep list would drop every record: surely a file that lost its names.
+  if (settings->keepList && settings->keepDomains.empty()) {
+    throw FilterError("No name in filter-keep-domain-file: the keep list would drop every record");
+  }
   readTypes(lookup, settings->dropTypes);
   if (auto text = first(lookup, "filter-sample-one-in")) {
     const auto n = digits(*text, UINT32_MAX);
