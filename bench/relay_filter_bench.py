@@ -173,7 +173,10 @@ def relay(build, path, count, fmt, extra, workdir):
                              stderr=subprocess.DEVNULL)
     try:
         deadline = time.monotonic() + 30
-        while socket.socket().connect_ex((LOOPBACK, port)) != 0:
+        while True:
+            with socket.socket() as probe:
+                if probe.connect_ex((LOOPBACK, port)) == 0:
+                    break
             if agent.poll() is not None or time.monotonic() > deadline:
                 raise RuntimeError("the agent did not start")
             time.sleep(0.05)
