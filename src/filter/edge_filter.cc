@@ -35,10 +35,10 @@ bool EdgeFilter::admit(encoding::dnstap::DnstapMessage& record, bool& changed) {
     droppedByType_.fetch_add(1, std::memory_order_relaxed);
     return false;
   }
+  // Hashed before privacy rewrites the address, so agents with other privacy settings agree.
+  const auto port = static_cast<uint16_t>(record.query_port);
   if (settings.samples() &&
-      transactionHash(record.query_address, static_cast<uint16_t>(record.query_port), question.id) %
-              settings.sampleOneIn !=
-          0) {
+      transactionHash(record.query_address, port, question.id) % settings.sampleOneIn != 0) {
     sampledOut_.fetch_add(1, std::memory_order_relaxed);
     return false;
   }

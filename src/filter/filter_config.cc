@@ -21,8 +21,8 @@ FilterError invalid(const char* key, const std::string& value, const std::string
   return FilterError("Invalid " + specified(key, value) + (why.empty() ? "" : " (" + why + ")"));
 }
 
-// Plain decimal digits only: a typo must not turn into a prefix of 0 that hides nothing (or
-// everything) unnoticed.
+// Plain decimal digits only, unlike the atoi reading of other keys: a typo such as "/24" must
+// not quietly read as 0.
 std::optional<uint32_t> digits(std::string_view text, uint32_t maximum) {
   if (text.empty() || text.size() > 10) return std::nullopt;
   uint64_t value = 0;
