@@ -7,7 +7,6 @@
 #include <string>
 
 #include "filter/filter_config.h"
-#include "format/message_formatter.h"
 #include "wire_builder.h"
 
 namespace vantrelo::filter {
@@ -155,42 +154,6 @@ TEST(EdgeFilter, SamplingKeepsPairsTogetherEverywhere) {
   // Binomial(100000, 0.1): within five standard deviations of 10000.
   EXPECT_NEAR(kept, kTransactions / 10, 5 * std::sqrt(kTransactions * 0.1 * 0.9));
   EXPECT_EQ(agentOne.counts().sampledOut, 2u * (kTransactions - kept));
-}
-
-// The forwarders' text of a filtered relay equals that of the survivors with truncated clients.
-TEST(EdgeFilter, FormattedOutputOfAFilteredRelay) {
-  const struct {
-    const char* name;
-    uint16_t qtype;
-    uint64_t type;
-    bool survives;
-  } inputs[] = {{"www.example.net", kA, 5, true},
-                {"www.example.com", kA, 5, false},
-                {"_ldap._tcp.dc.corp", kSrv, 6, false},
-                {"www.example.net", kA, 6, true}};
-  for (auto kind : {format::MessageFormat::kJson, format::MessageFormat::kQuerylog}) {
-    format::MessageSettings settings;
-    settings.format = kind;
-    format::MessageFormatter formatter(settings);
-    EdgeFilter filter(rules());
-    FrameFilter frames(&filter);
-    std::string filtered, expected;
-    DnstapMessage scratch;
-    auto format = [&](std::string_view event, std::string& out) {
-      formatter.formatEvent(reinterpret_cast<const uint8_t*>(event.data()),
-                            static_cast<uint32_t>(event.size()), scratch, out);
-    };
-    for (const auto& input : inputs) {
-      const std::string frame = frameOf(input.type, "2001:db8:1:2:3::9", input.name, input.qtype);
-      std::string_view event = frame;
-      if (frames.admit(event)) format(event, filtered);
-      if (input.survives) {
-        format(frameOf(input.type, "2001:db8:1::", input.name, input.qtype), expected);
-      }
-    }
-    EXPECT_EQ(filtered, expected);
-    EXPECT_NE(expected.find("2001:db8:1::"), std::string::npos) << expected;
-  }
 }
 
 }  // namespace
