@@ -1,6 +1,7 @@
 #include "worker/receiver.h"
 
 #include <exception>
+#include <string_view>
 #include <utility>
 
 #include "base/log.h"
@@ -32,11 +33,12 @@ net::tls::TlsSettings serverRole(net::tls::TlsSettings tls) {
 Receiver::Receiver(const ReceiverSettings& settings, FinishedCallback callback, void* context,
                    event::queue::EventQueue& queue, std::unique_ptr<net::Socket> socket)
     : id_(socket->id()),
-      settings_{settings.socket, serverRole(settings.tls), settings.fstrm},
+      settings_{settings.socket, serverRole(settings.tls), settings.fstrm, settings.filter},
       callback_(callback),
       context_(context),
       queue_(queue),
-      socket_(std::move(socket)) {
+      socket_(std::move(socket)),
+      filter_(settings.filter) {
   tls_ = std::make_unique<net::tls::TlsSocket>(id_, settings_.tls, *socket_);
   fstrm_ = std::make_unique<net::fstrm::FstrmSocket>(id_, settings_.fstrm, *socket_, *tls_);
   try {
@@ -77,21 +79,43 @@ void Receiver::run() {
 }
 
 void Receiver::deliver() {
-  // Straight from the read-ahead buffer into the ring: the one copy a relayed frame costs. The
-  // queue takes the frames up to one that can never fit, and only those count as received.
+  // The one place where relayed frames enter the queue: each passes the agent's filters, then
+  // the frames of the read go in as one batch, straight from the read-ahead buffer, the one copy
+  // a relayed frame costs. The filter keeps a re-encoded frame only until its next call, so such
+  // frames wait in rewritten_ until the batch is pushed.
   events_.clear();
+  rewritten_.clear();
+  rewrittenAt_.clear();
   uint64_t bytes = 0;
+  size_t received = 0;
+  std::string_view refused;  // a frame that can never fit the queue ends the batch
   for (const net::fstrm::FrameSpan& frame : frames_) {
-    if (!queue_.fits(frame.length)) break;
-    events_.push_back({frame.data, frame.length});
+    std::string_view event(reinterpret_cast<const char*>(frame.data), frame.length);
+    if (filter_.admit(event)) {
+      const auto length = static_cast<uint32_t>(event.size());
+      if (!queue_.fits(length)) {
+        refused = event;
+        break;
+      }
+      if (event.data() != reinterpret_cast<const char*>(frame.data)) {
+        rewrittenAt_.emplace_back(events_.size(), rewritten_.size());
+        rewritten_.append(event);
+      }
+      events_.push_back({reinterpret_cast<const uint8_t*>(event.data()), length});
+    }
+    ++received;
     bytes += frame.length + kFrameLengthBytes;
   }
+  for (const auto& [entry, offset] : rewrittenAt_) {
+    events_[entry].data = reinterpret_cast<const uint8_t*>(rewritten_.data()) + offset;
+  }
   queue_.pushBatch(events_.data(), events_.size());
-  eventsReceived_.fetch_add(events_.size());
+  eventsReceived_.fetch_add(received);
   bytesReceived_.fetch_add(bytes);
   // Refused with the queue's own error, as a single push would be.
-  if (events_.size() < frames_.size()) {
-    queue_.push(frames_[events_.size()].data, frames_[events_.size()].length);
+  if (received < frames_.size()) {
+    queue_.push(reinterpret_cast<const uint8_t*>(refused.data()),
+                static_cast<uint32_t>(refused.size()));
   }
 }
 

@@ -2,10 +2,11 @@
 //
 // The receiver identifies the peer, runs the TLS server handshake when the listener has TLS on
 // (TCP peers only), answers the sender's Frame Streams handshake in whichever mode the sender
-// chose, and pushes every data frame's bytes unchanged into the event queue, all the frames of
-// one read in one batch. A connection that stays silent for (keepalive + 1) read time-outs is
-// given up. When it ends on its own it calls the listener's finished callback; when the
-// listener asked it to stop it does not.
+// chose, and pushes every data frame's bytes unchanged into the event queue (the agent's filters
+// may drop a frame, or re-encode it with the client address hidden), all the frames of one read
+// in one batch. A connection that stays silent for (keepalive + 1) read time-outs is given up.
+// When it ends on its own it calls the listener's finished callback; when the listener asked it
+// to stop it does not.
 //
 // Ownership: the Receiver owns the accepted Socket, the TlsSocket and the FstrmSocket over it,
 // and its thread; the listener owns the Receiver and joins it before destroying it. The queue
@@ -18,10 +19,12 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/error.h"
 #include "event/event_queue.h"
+#include "filter/edge_filter.h"
 #include "net/fstrm_socket.h"
 #include "net/net_settings.h"
 #include "net/socket.h"
@@ -42,6 +45,7 @@ struct ReceiverSettings {
   net::SocketSettings socket;
   net::tls::TlsSettings tls;
   net::fstrm::FstrmSettings fstrm;
+  filter::EdgeFilter* filter = nullptr;  // the listener's filters; null when none is set
 };
 
 class Receiver {
@@ -87,9 +91,13 @@ class Receiver {
   std::thread thread_;
   net::PeerAddress peer_;
   std::string peerError_;  // why peer() failed at construction; reported by the thread
-  // The frames of the current read and their queue entries, reused for the connection's life.
+  filter::FrameFilter filter_;
+  // The frames of the current read and their queue entries, reused for the connection's life;
+  // frames the filter re-encoded wait in `rewritten_`, at the offsets noted per entry.
   std::vector<net::fstrm::FrameSpan> frames_;
   std::vector<event::queue::EventSpan> events_;
+  std::string rewritten_;
+  std::vector<std::pair<size_t, size_t>> rewrittenAt_;  // (entry, offset in rewritten_)
   std::atomic<bool> stopRequested_{false};
   std::atomic<uint64_t> bytesReceived_{0};
   std::atomic<uint64_t> eventsReceived_{0};
