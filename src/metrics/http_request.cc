@@ -80,6 +80,10 @@ ParseStatus parseRequest(std::string_view data, HttpRequest& request) {
   while (rest.starts_with("\r\n") || rest.starts_with('\n'))
     rest.remove_prefix(rest[0] == '\r' ? 2 : 1);
   if (!takeLine(rest, line)) {
+    // Bytes that cannot start a method (a TLS handshake, say) need not wait for a line end.
+    for (char c : rest.substr(0, rest.find(' '))) {
+      if (!isTokenChar(c)) return ParseStatus::kMalformed;
+    }
     return data.size() > kMaxRequestHead ? ParseStatus::kTooLarge : ParseStatus::kIncomplete;
   }
   // A bad request line is answered at once, without waiting for the rest of the head.

@@ -113,6 +113,7 @@ void MetricsEndpoint::acceptLoop() {
     reap(false);
     sampleHealth(nullptr, healthy);
     if (socket_.wait(true, kWaitSeconds)) continue;
+    reap(false);  // a slot freed during the wait is free for this connection
     try {
       while (auto accepted = socket_.accept()) {
         if (connections_.size() >= kMaxConnections) {
