@@ -2,7 +2,8 @@
 // the build and the process start.
 //
 // Each function turns one record (the same records the "Metrics: " line is built from, read as
-// totals since start) into samples. A worker type with counters of its own defines its
+// totals since start) into samples, from one table of series per record: a new counter of a
+// record is one more row of its table. A worker type with counters of its own defines its
 // MetricFamily constants beside its source and adds its samples with the labels these
 // functions use for its kind, e.g. forwarderLabels below. Stateless and thread-safe.
 #pragma once

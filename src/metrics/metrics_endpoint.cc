@@ -108,10 +108,9 @@ void MetricsEndpoint::acceptLoop() {
             std::to_string(socket.port));
   socket_.listen();
   boundPort_ = socket_.localPort();
-  bool healthy = true;
   while (!stopRequested_) {
     reap(false);
-    sampleHealth(nullptr, healthy);
+    sampleHealth(nullptr);
     if (socket_.wait(true, kWaitSeconds)) continue;
     reap(false);  // a slot freed during the wait is free for this connection
     try {
@@ -172,13 +171,13 @@ void MetricsEndpoint::serve(std::unique_ptr<net::Socket> socket, Connection& con
   connection.done = true;
 }
 
-void MetricsEndpoint::sampleHealth(std::string* body, bool& healthy) {
+bool MetricsEndpoint::sampleHealth(std::string* body) {
   std::vector<OutputState> outputs;
   {
     std::lock_guard<std::mutex> lock(sourcesMutex_);
     for (auto& source : sources_) source->outputs(outputs);
   }
-  healthy = health_.update(outputs, HealthTracker::Clock::now(), body);
+  return health_.update(outputs, HealthTracker::Clock::now(), body);
 }
 
 std::string MetricsEndpoint::respond(ParseStatus status, const HttpRequest& request) {
@@ -192,8 +191,7 @@ std::string MetricsEndpoint::respond(ParseStatus status, const HttpRequest& requ
   }
   if (!metrics) {
     std::string body;
-    bool healthy = true;
-    sampleHealth(&body, healthy);
+    const bool healthy = sampleHealth(&body);
     return response(healthy ? kOk : kUnavailable, kJsonType, body, head);
   }
   ExpositionWriter writer;

@@ -71,7 +71,8 @@ class MetricsEndpoint {
   void acceptLoop();
   void reap(bool all);
   void serve(std::unique_ptr<net::Socket> socket, Connection& connection);
-  void sampleHealth(std::string* body, bool& healthy);
+  // Feeds the outputs' states to the health tracker; true when healthy.
+  bool sampleHealth(std::string* body);
 
   const EndpointSettings settings_;
   const std::string version_;
