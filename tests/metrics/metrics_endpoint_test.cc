@@ -111,9 +111,6 @@ TEST_F(MetricsEndpointTest, Responses) {
     const std::string length = "Content-Length: " + std::to_string(response.size() - end - 4);
     EXPECT_NE(response.find(length), std::string::npos) << response.substr(0, end);
   }
-  // HEAD: the same head, no body.
-  const std::string head = exchange("HEAD /metrics HTTP/1.0\r\n\r\n");
-  EXPECT_TRUE(head.ends_with("Connection: close\r\n\r\n")) << head;
 }
 
 TEST_F(MetricsEndpointTest, ConnectionLimitAndReadTimeOut) {
