@@ -82,6 +82,24 @@ const Series<format::ForwarderMetrics, uint64_t> kForwarderSeries[] = {
      &format::ForwarderMetrics::dnstap_errors},
 };
 
+// The edge filters' counters, one series per rule that is set, told apart by `reason`.
+const MetricFamily kFiltered{"vantrelo_listener_events_filtered_total", C::kCounter,
+                             "Events the listener's filters kept out of the queue, by reason."};
+
+struct FilterReason {
+  const char* reason;
+  bool format::FilterMetrics::*configured;
+  uint64_t format::FilterMetrics::*field;
+};
+
+const FilterReason kFilterReasons[] = {
+    {"drop_list", &format::FilterMetrics::drop_list, &format::FilterMetrics::dropped_by_domain},
+    {"keep_list", &format::FilterMetrics::keep_list, &format::FilterMetrics::dropped_by_keep},
+    {"query_type", &format::FilterMetrics::drop_types, &format::FilterMetrics::dropped_by_type},
+    {"sampled_out", &format::FilterMetrics::sampling, &format::FilterMetrics::sampled_out},
+    {"unreadable", &format::FilterMetrics::privacy, &format::FilterMetrics::dropped_unreadable},
+};
+
 const MetricFamily kForwarderConnected{"vantrelo_forwarder_connected", C::kGauge,
                                        "1 while the forwarder is connected to its collector."};
 const MetricFamily kBuildInfo{"vantrelo_build_info", C::kGauge,
@@ -126,15 +144,25 @@ void appendQueue(ExpositionWriter& out, const event::queue::QueueTotals& totals)
 
 void appendListener(ExpositionWriter& out, const format::ListenerMetrics& listener) {
   const std::string id = std::to_string(listener.id);
+  const std::string_view type = listener.is_etw    ? "etw"
+                                : listener.is_unix ? "unix"
+                                                   : familyName(listener.is_ipv6);
+  const std::string address = listener.is_etw ? std::string()
+                              : listener.is_unix
+                                  ? listener.path
+                                  : hostPort(listener.host, listener.port, listener.is_ipv6);
+  for (const FilterReason& filter : kFilterReasons) {
+    if (!(listener.filter.*filter.configured)) continue;
+    out.add(kFiltered,
+            {{"id", id}, {"type", type}, {"address", address}, {"reason", filter.reason}},
+            listener.filter.*filter.field);
+  }
   if (listener.is_etw) {
     for (const auto& series : kEtwSeries) {
       out.add(series.family, {{"id", id}}, uint64_t{listener.etw.*series.field});
     }
     return;
   }
-  const std::string_view type = listener.is_unix ? "unix" : familyName(listener.is_ipv6);
-  const std::string address =
-      listener.is_unix ? listener.path : hostPort(listener.host, listener.port, listener.is_ipv6);
   for (const auto& series : kListenerSeries) {
     out.add(series.family, {{"id", id}, {"type", type}, {"address", address}},
             listener.*series.field);

@@ -49,6 +49,9 @@ TEST(AgentSeriesTest, SamplesOfEachRecord) {
   format::ListenerMetrics etw;
   etw.is_etw = true;
   etw.etw = {64, 60, 2, 900, 1, 3};
+  etw.filter.sampling = true;  // only the rules that are set have a series
+  etw.filter.sampled_out = 9;
+  etw.filter.dropped_by_domain = 5;
   format::ListenerMetrics unixListener;
   unixListener.id = 2;
   unixListener.is_unix = true;
@@ -77,14 +80,15 @@ TEST(AgentSeriesTest, SamplesOfEachRecord) {
       "vantrelo_queue_used_bytes 120",
       R"(vantrelo_etw_free_buffers{id="0"} 60)",
       R"(vantrelo_etw_real_time_buffers_lost_total{id="0"} 3)",
+      R"(vantrelo_listener_events_filtered_total{id="0",type="etw",address="",reason="sampled_out"} 9)",
       R"(vantrelo_build_info{version="2.4.4"} 1)",
       "process_start_time_seconds 1700000000.5",
   };
   for (const char* line : expected) {
     EXPECT_NE(std::find(samples.begin(), samples.end(), line), samples.end()) << line;
   }
-  // 5 forwarder, 2 x 3 listener, 2 receiver, 6 queue, 6 ETW and 2 process samples.
-  EXPECT_EQ(samples.size(), 27u);
+  // 5 forwarder, 2 x 3 listener, 2 receiver, 6 queue, 6 ETW, 1 filter and 2 process samples.
+  EXPECT_EQ(samples.size(), 28u);
 }
 
 TEST(AgentSeriesTest, EscapingAndSpecialValues) {
