@@ -24,14 +24,14 @@ PREFIX = None
 PROGRAM = None
 
 
-def wine(args, debug="-all", **popen):
+def wine(args, debug="-all", program=None, **popen):
     for loader in (os.environ.get("WINE64"), "/usr/lib/wine/wine64",
                    "/usr/lib/x86_64-linux-gnu/wine/wine64", shutil.which("wine64"),
                    shutil.which("wine")):
         if loader and os.access(loader, os.X_OK):
             env = dict(os.environ, WINEPREFIX=PREFIX, WINEDEBUG=debug)
-            return subprocess.Popen([loader, PROGRAM] + args, env=env, stdout=subprocess.PIPE,
-                                    **popen)
+            return subprocess.Popen([loader, program or PROGRAM] + args, env=env,
+                                    stdout=subprocess.PIPE, **popen)
     raise unittest.SkipTest("no wine64 loader")
 
 
@@ -75,6 +75,43 @@ class ConsoleStartTest(unittest.TestCase):
                         self.assertEqual(events, [])
                         self.assertEqual(out, "".join("[INFO] %s\n" % t for t, _ in lines[:3]))
                         self.assertIn("[ERROR] %s\n" % lines[3][0], console)
+
+
+class ServiceTest(unittest.TestCase):
+    # The service control manager of wine drives `run-service` through its life cycle. Wine ends
+    # its services with the last ordinary process, so one batch file does everything.
+
+    def test_states_the_manager_sees(self):
+        with tempfile.TemporaryDirectory() as directory:
+            for name, text in (("good", "message-queue-filename q.queue\n"),
+                               ("bad", "metrics-interval 0\n")):
+                with open(os.path.join(directory, name + ".conf"), "w") as f:
+                    f.write(text)
+            steps = ["sc create vt-%s binpath= \"%s run-service %s\"" % (
+                name, windows_path(PROGRAM), windows_path(os.path.join(directory, name + ".conf")))
+                for name in ("good", "bad")]
+            steps += ["sc start vt-good", "ping -n 4 127.0.0.1", "sc query vt-good",
+                      "sc stop vt-good", "ping -n 3 127.0.0.1", "sc query vt-good",
+                      "sc start vt-bad", "ping -n 3 127.0.0.1", "sc query vt-bad",
+                      "sc delete vt-good", "sc delete vt-bad"]
+            batch = os.path.join(directory, "steps.bat")
+            with open(batch, "w") as f:
+                f.write("\r\n".join(steps) + "\r\n")
+            agent = wine(["/c", windows_path(batch)], program="cmd")
+            out = agent.communicate(timeout=240)[0].decode("utf-8", "replace")
+            fields = re.findall(r"(STATE|WIN32_EXIT_CODE|SERVICE_EXIT_CODE|CHECKPOINT) +: (\w+)",
+                                out)
+            saved = os.path.exists(os.path.join(directory, "q.queue"))
+        reports = [tuple(value for _, value in fields[i:i + 4])
+                   for i in range(0, len(fields), 4)]
+        # Start pending with a checkpoint, running only once started; stop pending (or, by the
+        # time `sc stop` looks, stopped already), then stopped with the queue saved; a failed
+        # start ends with a service-specific error.
+        self.assertIn(reports.pop(2), [("3", "0", "0", "0x1"), ("1", "0", "0", "0x0")])
+        self.assertEqual(reports, [("2", "0", "0", "0x1"), ("4", "0", "0", "0x0"),
+                                   ("1", "0", "0", "0x0"), ("2", "0", "0", "0x1"),
+                                   ("1", "1066", "1", "0x0")])
+        self.assertTrue(saved)
 
 
 def field(number, value):
