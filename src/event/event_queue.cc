@@ -109,6 +109,7 @@ void EventQueue::push(const uint8_t* data, uint32_t length) {
     std::lock_guard<std::mutex> lock(dataMutex_);
     append(data, length);
     count_.store(queued_);
+    pushed_.fetch_add(1);
     sleeping = sleepers_ > 0;
   }
   wakeOne(sleeping);
@@ -122,6 +123,7 @@ void EventQueue::pushBatch(const EventSpan* events, size_t count) {
     std::lock_guard<std::mutex> lock(dataMutex_);
     for (size_t i = 0; i < fitting; ++i) append(events[i].data, events[i].length);
     count_.store(queued_);
+    pushed_.fetch_add(fitting);
     sleeping = sleepers_ > 0;
   }
   wakeOne(sleeping);
@@ -205,6 +207,18 @@ void EventQueue::snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropp
   queued = count;
   lastCount_.store(count);
   dropped = droppedNow - lastDropped_.exchange(droppedNow);
+}
+
+QueueTotals EventQueue::totals() {
+  QueueTotals totals;
+  totals.pushed = pushed_.load();
+  totals.popped = popped_.load();
+  totals.dropped = dropped_.load();
+  totals.held = count_.load();
+  totals.capacity = options_.size;
+  std::lock_guard<std::mutex> lock(dataMutex_);
+  totals.usedBytes = usedBytes();
+  return totals;
 }
 
 }  // namespace vantrelo::event::queue
