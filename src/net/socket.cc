@@ -58,9 +58,11 @@ void Socket::applyOptions() {
 
 bool Socket::wait(bool forRead, uint32_t seconds) {
   for (uint32_t pass = 0; pass < seconds; ++pass) {
+    if (stopMode_ == StopMode::kAtOnce && stopRequested()) throw SocketError(kStopRequested);
     int result = sys::waitOnce(handle_, forRead);
     if (result < 0) fail("select");
     if (result > 0) return false;
+    if (stopRequested()) throw SocketError(kStopRequested);
   }
   return true;
 }

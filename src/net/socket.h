@@ -11,6 +11,7 @@
 // and removes it on close(). Not thread-safe: one worker thread uses a Socket at a time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -22,6 +23,14 @@
 namespace vantrelo::net {
 
 NS_DEFINE_ERROR(SocketError);
+
+// The text of the SocketError that a wait throws once its owner has asked to stop.
+inline constexpr char kStopRequested[] = "Stop requested";
+
+// When a stop request ends a socket's waits: kAtOnce at the next wait, whatever the peer does
+// (a receiver, which owes its sender nothing); kWhenBlocked only after a pass that found the
+// socket not ready, so an orderly close with a responsive peer still completes (a forwarder).
+enum class StopMode { kAtOnce, kWhenBlocked };
 
 struct SocketAddress;
 
@@ -40,6 +49,14 @@ class Socket {
   uint32_t readTimeout() const { return settings_.readTimeout; }
   const SocketSettings& settings() const { return settings_; }
   bool isOpen() const;
+
+  // Makes every wait (and so every connect, recv and send, also those of the TLS and Frame
+  // Streams layers above) throw SocketError kStopRequested once *flag is set, within one pass.
+  // The flag is borrowed and must outlive the socket's use; null turns this off.
+  void stopOn(const std::atomic<bool>* flag, StopMode mode) {
+    stop_ = flag;
+    stopMode_ = mode;
+  }
 
   // Opens and connects a client socket; does nothing when already open. A host that is an
   // address literal is tried alone and its failure thrown; a name is resolved and every address
@@ -74,12 +91,15 @@ class Socket {
   void connectAddress(const SocketAddress& address);
   void connectUnix();
   void listenUnix();
+  bool stopRequested() const { return stop_ != nullptr && stop_->load(); }
 
   uint32_t id_;
   SocketSettings settings_;
   uintptr_t handle_;
   uint32_t acceptCount_ = 0;
   bool ownsSocketFile_ = false;
+  const std::atomic<bool>* stop_ = nullptr;
+  StopMode stopMode_ = StopMode::kAtOnce;
 };
 
 }  // namespace vantrelo::net

@@ -49,6 +49,9 @@ Forwarder::Forwarder(uint32_t id, const ForwarderSettings& settings,
       output_(output),
       formatter_(messageSettings),
       socket_(std::make_unique<net::Socket>(id, settings_.socket)) {
+  // A stop ends a wait that finds the collector unresponsive (connect, handshake, a write it
+  // does not read) within a pass, while a collector that keeps up still gets its orderly close.
+  socket_->stopOn(&stopRequested_, net::StopMode::kWhenBlocked);
   resetStreams();
 }
 
@@ -214,7 +217,12 @@ void Forwarder::handleError(const char* text) {
   if (!settings_.toStdout) socket_->close();
   Batch& before = previous();
   if (settings_.returnPrevious && before.count() > 0) returnEvents(before, "previous");
-  if (settings_.returnCurrent) returnEvents(current(), "current");
+  if (settings_.returnCurrent) {
+    returnEvents(current(), "current");
+  } else if (stopRequested_ && current().count() > 0) {
+    // The stop cut this batch's write short; it is saved with the queue rather than lost.
+    returnEvents(current(), "current");
+  }
   before.clear();
   current().clear();
   sendBuffer_.clear();

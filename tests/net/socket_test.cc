@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -106,6 +107,31 @@ TEST(SocketTest, TimeOutsCountWholeSeconds) {
               c.write ? "send() failed: wait() timed out" : "recv() failed: wait() timed out");
     EXPECT_GE(secondsSince(start), c.minimum) << c.seconds;
     EXPECT_LE(secondsSince(start), c.maximum) << c.seconds;
+  }
+}
+
+// A stop request ends a receive on a patient socket: at once, or only once a pass finds
+// nothing to read, so that a peer still answering is heard out.
+TEST(SocketTest, StopRequestEndsWaits) {
+  const struct {
+    StopMode mode;
+    bool dataPending;
+    std::string error;
+  } cases[] = {{StopMode::kAtOnce, true, kStopRequested},
+               {StopMode::kAtOnce, false, kStopRequested},
+               {StopMode::kWhenBlocked, true, "(no error)"},
+               {StopMode::kWhenBlocked, false, kStopRequested}};
+  for (const auto& c : cases) {
+    SocketSettings settings = loopbackSettings();
+    settings.readTimeout = 120;
+    LoopbackPair pair(settings);
+    const std::atomic<bool> stop{true};
+    pair.server->stopOn(&stop, c.mode);
+    char byte = 'x';
+    if (c.dataPending) pair.client->send(&byte, 1);
+    const auto start = Clock::now();
+    EXPECT_EQ(errorOf([&] { pair.server->recv(&byte, 1); }), c.error) << c.dataPending;
+    EXPECT_LE(secondsSince(start), 3.0);
   }
 }
 
