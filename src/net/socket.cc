@@ -198,10 +198,15 @@ void Socket::send(const void* buffer, size_t size) {
     if (count == 0) throw SocketError("send() failed: socket closed");
     next += count;
     size -= static_cast<size_t>(count);
+    bytesWritten_ += static_cast<uint64_t>(count);
   }
 }
 
 size_t Socket::bytesAvailable() const { return isOpen() ? sys::bytesAvailable(handle_) : 0; }
+
+int64_t Socket::unacknowledgedBytes() const {
+  return isOpen() ? sys::unacknowledgedBytes(handle_, bytesWritten_) : -1;
+}
 
 PeerAddress Socket::peer() const {
   PeerAddress result;
@@ -218,6 +223,7 @@ void Socket::close() {
   if (!isOpen()) return;
   sys::closeSocket(handle_);
   handle_ = sys::kInvalidHandle;
+  bytesWritten_ = 0;
   if (ownsSocketFile_) {
     sys::removeSocketFile(settings_.path);
     ownsSocketFile_ = false;

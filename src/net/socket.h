@@ -76,6 +76,11 @@ class Socket {
   bool wait(bool forRead, uint32_t seconds);
   // Bytes that can be read without blocking; 0 when closed or when the query fails.
   size_t bytesAvailable() const;
+  // Bytes handed to the system by send() since the socket connected (every layer's: TLS
+  // records, Frame Streams framing), and how many of them the peer has not acknowledged yet;
+  // -1 when the system cannot tell.
+  uint64_t bytesWritten() const { return bytesWritten_; }
+  int64_t unacknowledgedBytes() const;
   PeerAddress peer() const;
   // The local port in host byte order (useful after listening on port 0); 0 for Unix sockets.
   uint16_t localPort() const;
@@ -98,6 +103,7 @@ class Socket {
   uintptr_t handle_;
   uint32_t acceptCount_ = 0;
   bool ownsSocketFile_ = false;
+  uint64_t bytesWritten_ = 0;
   const std::atomic<bool>* stop_ = nullptr;
   StopMode stopMode_ = StopMode::kAtOnce;
 };

@@ -135,6 +135,24 @@ TEST(SocketTest, StopRequestEndsWaits) {
   }
 }
 
+// The peer's TCP acknowledges what its receive buffer takes, read or not: the count of bytes
+// still unacknowledged falls to 0 without the peer reading. Closing forgets the count.
+TEST(SocketTest, UnacknowledgedBytesFallOnceThePeerTakesThem) {
+  LoopbackPair pair;
+  const std::string data(50000, 'x');
+  pair.client->send(data.data(), data.size());
+  EXPECT_EQ(pair.client->bytesWritten(), data.size());
+  int64_t pending = pair.client->unacknowledgedBytes();
+  if (pending < 0) GTEST_SKIP() << "this system does not tell what its peer acknowledged";
+  EXPECT_LE(pending, static_cast<int64_t>(data.size()));
+  const auto start = Clock::now();
+  while (pending > 0 && secondsSince(start) < 10) pending = pair.client->unacknowledgedBytes();
+  EXPECT_EQ(pending, 0);
+  pair.client->close();
+  EXPECT_EQ(pair.client->bytesWritten(), 0u);
+  EXPECT_EQ(pair.client->unacknowledgedBytes(), -1);
+}
+
 TEST(SocketTest, AcceptDataPeerAddressAndClose) {
   LoopbackPair pair;
   EXPECT_EQ(pair.server->id(), 0u);  // accepted connections are numbered from 0
