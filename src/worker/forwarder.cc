@@ -124,9 +124,17 @@ void Forwarder::disconnect() {
   if (dnstap_) fstrm_->close();
   if (settings_.tls.enabled) tls_->shutdown();
   // After an orderly close the collector normally has it all; what it has not acknowledged
-  // yet is saved with the queue rather than trusted to a socket about to close.
-  settleSent(false);
-  if (!sent_.empty()) settleSent(true);
+  // yet is saved with the queue rather than trusted to a socket about to close. A system that
+  // cannot tell leaves it to the orderly close, so that every stop does not repeat a batch.
+  if (settings_.returnPrevious && !sent_.empty()) {
+    const int64_t pending = socket_->unacknowledgedBytes();
+    if (pending <= 0) {
+      sent_.clear();
+    } else {
+      sent_.acknowledge(socket_->bytesWritten(), pending);
+      settleSent(true);
+    }
+  }
   socket_->close();
 }
 

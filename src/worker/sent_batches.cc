@@ -24,15 +24,14 @@ void SentBatches::keep(Batch& batch, uint64_t streamEnd, int64_t unacknowledged)
 }
 
 void SentBatches::acknowledge(uint64_t streamEnd, int64_t unacknowledged) {
-  if (unacknowledged < 0) {
-    // Nothing to go by: the last batch is all that is vouched for, as the system's buffer may
-    // well have taken it without the collector ever seeing it.
-    while (kept_.size() > 1) forgetOldest();
-    return;
+  // The last batch stays whatever was acknowledged: a collector that fails may have taken it
+  // into its socket without ever processing it. With nothing to go by it is all that stays.
+  uint64_t acknowledged = streamEnd;
+  if (unacknowledged >= 0) {
+    const uint64_t pending = static_cast<uint64_t>(unacknowledged);
+    acknowledged = pending >= streamEnd ? 0 : streamEnd - pending;
   }
-  const uint64_t pending = static_cast<uint64_t>(unacknowledged);
-  const uint64_t acknowledged = pending >= streamEnd ? 0 : streamEnd - pending;
-  while (!kept_.empty() && kept_.front().streamEnd <= acknowledged) forgetOldest();
+  while (kept_.size() > 1 && kept_.front().streamEnd <= acknowledged) forgetOldest();
 }
 
 void SentBatches::returnTo(event::queue::EventQueue& queue) {

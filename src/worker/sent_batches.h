@@ -4,11 +4,12 @@
 // them. SentBatches keeps each written batch's events with the place where the batch ends in
 // the connection's byte stream (every layer's bytes counted: TLS records, Frame Streams
 // framing), and forgets a batch once the socket reports every byte up to that place
-// acknowledged. On a connection error the events still kept go back into the queue, oldest
-// first: nothing the collector's TCP did not acknowledge is lost. Since the socket can hold no
-// more unacknowledged bytes than its send buffer, what is kept stays within about that size
-// (in formatted bytes) plus one batch. When the system cannot tell what was acknowledged, only
-// the last batch is kept.
+// acknowledged; the last batch written always stays, as a failing collector may have
+// acknowledged it without processing it. On a connection error the events still kept go back
+// into the queue, oldest first: nothing the collector's TCP did not acknowledge is lost. Since
+// the socket can hold no more unacknowledged bytes than its send buffer, what is kept stays
+// within about that size (in formatted bytes) plus one batch. When the system cannot tell what
+// was acknowledged, only the last batch is kept.
 //
 // Ownership: owns the kept events; batches are swapped in and out, so their storage is
 // recycled and steady-state use allocates nothing. Not thread-safe: the forwarder's thread
@@ -41,7 +42,7 @@ class SentBatches {
   // `streamEnd` is the connection's byte count after the write; `unacknowledged` how many of
   // those bytes the peer has not acknowledged, or -1 when unknown.
   void keep(Batch& batch, uint64_t streamEnd, int64_t unacknowledged);
-  // Forgets the batches that lie wholly within the acknowledged part of the stream.
+  // Forgets the batches that lie wholly within the acknowledged part of the stream, but the last.
   void acknowledge(uint64_t streamEnd, int64_t unacknowledged);
   // Pushes every kept event back into the queue, oldest first, and forgets them all.
   void returnTo(event::queue::EventQueue& queue);
