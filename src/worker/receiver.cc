@@ -32,11 +32,12 @@ net::tls::TlsSettings serverRole(net::tls::TlsSettings tls) {
 Receiver::Receiver(const ReceiverSettings& settings, FinishedCallback callback, void* context,
                    event::queue::EventQueue& queue, std::unique_ptr<net::Socket> socket)
     : id_(socket->id()),
-      settings_{settings.socket, serverRole(settings.tls), settings.fstrm},
+      settings_{settings.socket, serverRole(settings.tls), settings.fstrm, settings.filter},
       callback_(callback),
       context_(context),
       queue_(queue),
-      socket_(std::move(socket)) {
+      socket_(std::move(socket)),
+      filter_(settings.filter) {
   // Any wait, also inside a frame, a TLS record or the handshake, ends once a stop is asked:
   // a trickling or silent sender must not hold the agent's stop up.
   socket_->stopOn(&stopRequested_, net::StopMode::kAtOnce);
@@ -122,7 +123,11 @@ void Receiver::processLoop() {
     const uint32_t length = fstrm_->readFrameLength(true);
     if (length == 0) break;
     fstrm_->readBytes(frame_, length);
-    queue_.push(reinterpret_cast<const uint8_t*>(frame_.data()), length);
+    std::string_view event(frame_.data(), length);
+    if (filter_.admit(event)) {
+      queue_.push(reinterpret_cast<const uint8_t*>(event.data()),
+                  static_cast<uint32_t>(event.size()));
+    }
     eventsReceived_.fetch_add(1);
     bytesReceived_.fetch_add(length + kFrameLengthBytes);
   }
