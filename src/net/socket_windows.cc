@@ -5,6 +5,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/error.h"
@@ -235,8 +236,10 @@ int64_t unacknowledgedBytes(uintptr_t handle, uint64_t written) {
     return -1;  // older releases do not know the request
   }
   // Transmitted minus in flight is what the peer acknowledged; the rest of what was written
-  // still waits in the send buffer or on the wire.
-  const uint64_t acknowledged = info.bytesOut - info.bytesInFlight;
+  // still waits in the send buffer or on the wire. Retransmissions are taken off in case the
+  // total counts them: an estimate too low only keeps a batch longer.
+  const uint64_t sent = info.bytesOut - std::min<uint64_t>(info.bytesOut, info.bytesRetrans);
+  const uint64_t acknowledged = sent - std::min<uint64_t>(sent, info.bytesInFlight);
   return acknowledged >= written ? 0 : static_cast<int64_t>(written - acknowledged);
 }
 
