@@ -71,7 +71,7 @@ class Stop(harness.RelayTest):
                     sender.sendall(b"x")
                 except OSError:
                     return
-        self.enterContext(_Thread(drip))
+        threading.Thread(target=drip, daemon=True).start()
 
     def silent(self):
         # Connected, and not a byte since: not even the Frame Streams handshake.
@@ -111,19 +111,6 @@ class Stop(harness.RelayTest):
                 self.assertEqual(queue_file_payloads(
                     relay.path("message.queue")), payloads)
             self.stopping.set()
-
-
-class _Thread:
-    """A thread as a context: started on entry, joined on exit."""
-
-    def __init__(self, target):
-        self.thread = threading.Thread(target=target, daemon=True)
-
-    def __enter__(self):
-        self.thread.start()
-
-    def __exit__(self, *exc):
-        self.thread.join(10)
 
 
 if __name__ == "__main__":
