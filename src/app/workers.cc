@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "app/kafka_support.h"
 #include "worker/background_logger.h"
 
 namespace vantrelo::app {
@@ -26,6 +27,12 @@ class LoggerWorker : public Worker {
 std::unique_ptr<Worker> AgentWorkers::createForwarder(
     uint32_t id, const worker::forwarder::ForwarderSettings& settings,
     event::queue::EventQueue& queue, const format::MessageSettings& formatter) {
+  if (settings.kafka.enabled) {
+    const worker::forwarder::ForwarderCounters* counters = nullptr;
+    auto worker = createKafkaForwarder(id, settings, queue, formatter, counters);
+    forwarders_.push_back(counters);
+    return worker;
+  }
   auto forwarder = std::make_unique<worker::forwarder::Forwarder>(id, settings, queue, formatter);
   forwarders_.push_back(forwarder.get());
   return std::make_unique<WorkerOf<worker::forwarder::Forwarder>>(std::move(forwarder));
@@ -53,7 +60,7 @@ std::unique_ptr<Worker> AgentWorkers::createBackgroundLogger(
 
 void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
                     event::queue::EventQueue& queue,
-                    const std::vector<worker::forwarder::Forwarder*>& forwarders,
+                    const std::vector<const worker::forwarder::ForwarderCounters*>& forwarders,
                     format::MetricsSnapshot& snapshot) {
   snapshot.listeners.resize(listeners.size());
   for (size_t i = 0; i < listeners.size(); ++i) listeners[i]->metrics(snapshot.listeners[i]);

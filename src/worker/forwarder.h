@@ -33,6 +33,7 @@
 #include "net/fstrm_socket.h"
 #include "net/socket.h"
 #include "net/tls_socket.h"
+#include "worker/forwarder_counters.h"
 #include "worker/forwarder_settings.h"
 
 namespace vantrelo::worker::forwarder {
@@ -48,7 +49,7 @@ struct Batch {
   void clear();
 };
 
-class Forwarder {
+class Forwarder : public ForwarderCounters {
  public:
   // `output` receives the batches in standard-output mode (the process's standard output
   // unless a caller wants them elsewhere).
@@ -72,7 +73,7 @@ class Forwarder {
   uint64_t eventsSent() const { return eventsSent_.load(); }
   uint64_t dnstapErrors() const { return dnstapErrors_.load(); }
 
-  void metrics(format::ForwarderMetrics& out) const;
+  void metrics(format::ForwarderMetrics& out) const override;
 
  private:
   std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
