@@ -25,6 +25,10 @@ constexpr int kFullPollMs = 10;
 // After the purge at stop, the client reports every record it took back within this time.
 constexpr auto kPurgeReportLimit = std::chrono::milliseconds(2000);
 constexpr int kErrorTextSize = 512;
+// The client's log levels are syslog's: up to 3 are errors, 4 and 5 warnings and notices; the
+// chattier ones stay out of the agent's log.
+constexpr int kClientErrorLevel = 3;
+constexpr int kClientLogLevel = 5;
 constexpr size_t kIpv4Length = 4;
 constexpr size_t kIpv6Length = 16;
 
@@ -55,6 +59,7 @@ KafkaForwarder::KafkaForwarder(uint32_t id, const worker::forwarder::ForwarderSe
   rd_kafka_conf_set_dr_msg_cb(conf.get(), &KafkaForwarder::onDelivery);
   rd_kafka_conf_set_stats_cb(conf.get(), &KafkaForwarder::onStatistics);
   rd_kafka_conf_set_error_cb(conf.get(), &KafkaForwarder::onError);
+  rd_kafka_conf_set_log_cb(conf.get(), &KafkaForwarder::onLog);
   char error[kErrorTextSize];
   handle_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf.get(), error, sizeof(error));
   if (handle_ == nullptr) throw KafkaError(std::string("Kafka client failed: ") + error);
@@ -269,6 +274,21 @@ void KafkaForwarder::onError(rd_kafka_t*, int error, const char* reason, void* o
   const auto code = static_cast<rd_kafka_resp_err_t>(error);
   if (code == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) self->connected_ = false;
   log::error(self->prefix() + "Connection error: " + reason);
+}
+
+void KafkaForwarder::onLog(const rd_kafka_t* handle, int level, const char* facility,
+                           const char* text) {
+  // Connection failures reach the log through the error callback already.
+  if (level > kClientLogLevel || std::strcmp(facility, "FAIL") == 0) return;
+  const auto* self =
+      handle != nullptr ? static_cast<const KafkaForwarder*>(rd_kafka_opaque(handle)) : nullptr;
+  const std::string line =
+      (self != nullptr ? self->prefix() : "") + "Kafka client: " + facility + ": " + text;
+  if (level <= kClientErrorLevel) {
+    log::error(line);
+  } else {
+    log::warning(line);
+  }
 }
 
 void KafkaForwarder::metrics(format::ForwarderMetrics& out) const {

@@ -80,6 +80,8 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   static void onDelivery(rd_kafka_t* handle, const rd_kafka_message_t* message, void* opaque);
   static int onStatistics(rd_kafka_t* handle, char* json, size_t length, void* opaque);
   static void onError(rd_kafka_t* handle, int error, const char* reason, void* opaque);
+  // Runs on the client's own threads; the agent's log is thread-safe.
+  static void onLog(const rd_kafka_t* handle, int level, const char* facility, const char* text);
   void settle(uint32_t slot, rd_kafka_resp_err_t error, size_t valueSize);
   void readStatistics(const char* json, size_t length);
 
