@@ -62,7 +62,8 @@ void setTls(rd_kafka_conf_t* conf, const net::tls::TlsSettings& tls) {
   if (!needStore) return;
   const net::tls::CertificateStore store(tls.store);
   if (tls.validate && !tls.store.empty()) {
-    // The store's CA certificates are trusted next to the system's.
+    // The store's CA certificates replace the system's as the brokers' trust anchors: a private
+    // cluster's CA is what a configured store is for.
     std::string authorities;
     for (const net::tls::StoreEntry& entry : store.entries()) {
       if (X509_check_ca(entry.certificate.get()) != 0) {
@@ -76,9 +77,8 @@ void setTls(rd_kafka_conf_t* conf, const net::tls::TlsSettings& tls) {
                                           ? store.firstClientCertificate()
                                           : &store.find(tls.subject, tls.thumbprint);
   if (entry == nullptr) throw KafkaError("No client certificate found in store " + tls.store);
-  std::string chain = toPem(entry->certificate.get());
-  for (const net::tls::X509Ptr& link : entry->chain) chain += toPem(link.get());
-  set(conf, "ssl.certificate.pem", chain);
+  // The client presents this one certificate; brokers must know its issuer.
+  set(conf, "ssl.certificate.pem", toPem(entry->certificate.get()));
   set(conf, "ssl.key.pem", toPem(entry->key.get()));
 }
 
