@@ -27,7 +27,8 @@ class LoggerWorker : public Worker {
 std::unique_ptr<Worker> AgentWorkers::createForwarder(
     uint32_t id, const worker::forwarder::ForwarderSettings& settings,
     event::queue::EventQueue& queue, const format::MessageSettings& formatter) {
-  if (settings.kafka.enabled) {
+  // In standard-output mode every forwarder prints instead of sending, Kafka ones included.
+  if (settings.kafka.enabled && !settings.toStdout) {
     const worker::forwarder::ForwarderCounters* counters = nullptr;
     auto worker = createKafkaForwarder(id, settings, queue, formatter, counters);
     forwarders_.push_back(counters);
