@@ -25,6 +25,8 @@ constexpr int kFullPollMs = 10;
 // After the purge at stop, the client reports every record it took back within this time.
 constexpr auto kPurgeReportLimit = std::chrono::milliseconds(2000);
 constexpr int kErrorTextSize = 512;
+// After a client failed for good, the wait before its successor starts.
+constexpr auto kRestartPause = std::chrono::milliseconds(1000);
 // The client's log levels are syslog's: up to 3 are errors, 4 and 5 warnings and notices; the
 // chattier ones stay out of the agent's log.
 constexpr int kClientErrorLevel = 3;
@@ -54,6 +56,10 @@ KafkaForwarder::KafkaForwarder(uint32_t id, const worker::forwarder::ForwarderSe
   freeSlots_.reserve(limit);
   for (uint32_t slot = limit; slot > 0; --slot) freeSlots_.push_back(slot - 1);
 
+  createClient();
+}
+
+void KafkaForwarder::createClient() {
   ConfPtr conf = makeClientConfig(settings_);
   rd_kafka_conf_set_opaque(conf.get(), this);
   rd_kafka_conf_set_dr_msg_cb(conf.get(), &KafkaForwarder::onDelivery);
@@ -63,13 +69,37 @@ KafkaForwarder::KafkaForwarder(uint32_t id, const worker::forwarder::ForwarderSe
   char error[kErrorTextSize];
   handle_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf.get(), error, sizeof(error));
   if (handle_ == nullptr) throw KafkaError(std::string("Kafka client failed: ") + error);
-  conf.release();  // the client owns it now
+  // From here the client owns the configuration.
+  conf.release();
   topic_ = rd_kafka_topic_new(handle_, settings_.kafka.topic.c_str(), nullptr);
   if (topic_ == nullptr) {
     rd_kafka_destroy(handle_);
+    handle_ = nullptr;
     throw KafkaError("Kafka topic " + settings_.kafka.topic +
                      " refused: " + rd_kafka_err2str(rd_kafka_last_error()));
   }
+}
+
+void KafkaForwarder::restartClient() {
+  log::error(prefix() + "Kafka client failed for good, starting a new one");
+  takeBack();
+  rd_kafka_topic_destroy(topic_);
+  rd_kafka_destroy(handle_);
+  topic_ = nullptr;
+  handle_ = nullptr;
+  // Records whose reports never came are gone with the old client.
+  if (inFlight_ > 0) {
+    log::error(prefix() + "Lost " + std::to_string(inFlight_) + " events with the failed client");
+    freeSlots_.clear();
+    for (uint32_t slot = static_cast<uint32_t>(slots_.size()); slot > 0; --slot) {
+      freeSlots_.push_back(slot - 1);
+    }
+    inFlight_ = 0;
+  }
+  fatal_ = false;
+  connected_ = false;
+  std::this_thread::sleep_for(kRestartPause);
+  createClient();
 }
 
 KafkaForwarder::~KafkaForwarder() {
@@ -77,8 +107,8 @@ KafkaForwarder::~KafkaForwarder() {
     stop();
     join();
   }
-  rd_kafka_topic_destroy(topic_);
-  rd_kafka_destroy(handle_);
+  if (topic_ != nullptr) rd_kafka_topic_destroy(topic_);
+  if (handle_ != nullptr) rd_kafka_destroy(handle_);
 }
 
 void KafkaForwarder::start() {
@@ -96,10 +126,11 @@ void KafkaForwarder::run() {
             settings_.kafka.topic);
   try {
     produceLoop();
-    finish();
   } catch (const std::exception& failure) {
     log::error(prefix() + kLoopFailed + failure.what());
   }
+  // Without a client (a restart failed) nothing is held any more.
+  if (handle_ != nullptr) finish();
   log::info(prefix() + kFinishedLoop);
 }
 
@@ -107,6 +138,7 @@ void KafkaForwarder::produceLoop() {
   const uint32_t batchSize = settings_.batchSize;
   while (!stopRequested_) {
     poll(0);
+    if (fatal_) restartClient();
     const uint32_t room = static_cast<uint32_t>(freeSlots_.size());
     const uint32_t produced = room > 0 ? produceBatch(std::min(room, batchSize)) : 0;
     if (produced == 0 && !stopRequested_) poll(room > 0 ? kIdlePollMs : kFullPollMs);
@@ -194,16 +226,25 @@ void KafkaForwarder::finish() {
   const auto limit = std::chrono::duration_cast<std::chrono::milliseconds>(kStopFlushLimit);
   // Flushing serves the delivery reports itself.
   rd_kafka_flush(handle_, static_cast<int>(limit.count()));
+  takeBack();
+}
+
+void KafkaForwarder::takeBack() {
   if (inFlight_ == 0) return;
-  const uint32_t left = inFlight_;
+  // Taken back, a record is returned to the queue whatever the recovery mode: it did not fail.
+  const bool finishing = finishing_;
+  finishing_ = true;
+  const uint32_t held = inFlight_;
   rd_kafka_purge(handle_, RD_KAFKA_PURGE_F_QUEUE | RD_KAFKA_PURGE_F_INFLIGHT);
   const auto deadline = std::chrono::steady_clock::now() + kPurgeReportLimit;
   while (inFlight_ > 0 && std::chrono::steady_clock::now() < deadline) {
     rd_kafka_poll(handle_, kFullPollMs);
   }
-  log::info(prefix() + "Returning " + std::to_string(left - inFlight_) +
+  finishing_ = finishing;
+  log::info(prefix() + "Returning " + std::to_string(held - inFlight_) +
             " undelivered events back to the event queue");
   returned_ = 0;
+  lost_ = 0;
 }
 
 void KafkaForwarder::onDelivery(rd_kafka_t*, const rd_kafka_message_t* message, void* opaque) {
@@ -273,6 +314,9 @@ void KafkaForwarder::onError(rd_kafka_t*, int error, const char* reason, void* o
   auto* self = static_cast<KafkaForwarder*>(opaque);
   const auto code = static_cast<rd_kafka_resp_err_t>(error);
   if (code == RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN) self->connected_ = false;
+  // The idempotent producer stops for good when it cannot keep its guarantees; the forwarder
+  // then starts a new client.
+  if (code == RD_KAFKA_RESP_ERR__FATAL) self->fatal_ = true;
   log::error(self->prefix() + "Connection error: " + reason);
 }
 

@@ -8,6 +8,8 @@
 // delivery failure. The client never holds more than a fixed number of records, so events wait
 // in the agent's ring, not in the client. A stop flushes what the client holds for a limited
 // time, then takes back what is left and returns it to the queue, whatever the recovery mode.
+// When the client fails for good (the idempotent producer can no longer keep its promises), the
+// forwarder takes back what it held the same way and starts a new client.
 //
 // Each record in the client keeps a slot holding its encoded event, so that it can go back to
 // the queue; the slots are allocated once and reused.
@@ -66,6 +68,9 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
 
  private:
   std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
+  void createClient();
+  // After a fatal error of the client: takes back what it holds, then starts a new one.
+  void restartClient();
   void run();
   void produceLoop();
   // Pops, formats and produces up to `limit` events; returns how many records were produced.
@@ -76,6 +81,8 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   void poll(int timeoutMs);
   // Flushes, takes back what is left and returns it to the queue.
   void finish();
+  // Purges the client and returns every record it held to the queue.
+  void takeBack();
 
   static void onDelivery(rd_kafka_t* handle, const rd_kafka_message_t* message, void* opaque);
   static int onStatistics(rd_kafka_t* handle, char* json, size_t length, void* opaque);
@@ -98,6 +105,7 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   std::vector<uint32_t> freeSlots_;
   uint32_t inFlight_ = 0;
   bool finishing_ = false;  // records settled now go back to the queue whatever the mode
+  bool fatal_ = false;      // set by the error callback, on this thread
   uint64_t returned_ = 0;   // since the last poll's log line
   uint64_t lost_ = 0;
   std::string lastError_;

@@ -44,6 +44,11 @@ class MockCluster {
     rd_kafka_destroy(host_);
   }
   std::string bootstraps() const { return rd_kafka_mock_cluster_bootstraps(cluster_); }
+  // The next produce request fails with `error`.
+  void failNextProduce(rd_kafka_resp_err_t error) {
+    constexpr int16_t kProduceApiKey = 0;
+    rd_kafka_mock_push_request_errors(cluster_, kProduceApiKey, 1, error);
+  }
   void setUp(int32_t broker, bool up) {
     if (up) {
       rd_kafka_mock_broker_set_up(cluster_, broker);
@@ -231,6 +236,30 @@ TEST_F(KafkaForwarderTest, BrokerDownPerRecoveryMode) {
     EXPECT_EQ(lost, mode == "drop" ? forwarder.deliveryFailures() : 0) << mode;
     EXPECT_EQ(queue.count(), 0u) << mode;
   }
+}
+
+// A client that fails for good (here: the brokers lose track of its sequence numbers) is
+// replaced, and what it held comes back through the queue.
+TEST_F(KafkaForwarderTest, ReplacesAFailedClient) {
+  constexpr uint32_t kEvents = 200;
+  std::map<std::string, uint32_t> indexOf;
+  for (uint32_t n = 0; n < kEvents; ++n) indexOf[expectedValue(messages, n)] = n;
+  KafkaForwarder forwarder(0, settingsFor(cluster, "key=client"), queue, messages);
+  forwarder.start();
+  pushEvents(queue, 0, kEvents / 2);
+  ASSERT_TRUE(waitUntil([&] { return forwarder.eventsSent() == kEvents / 2; }, seconds(30)));
+  cluster.failNextProduce(RD_KAFKA_RESP_ERR_OUT_OF_ORDER_SEQUENCE_NUMBER);
+  pushEvents(queue, kEvents / 2, kEvents / 2);
+  EXPECT_TRUE(waitUntil([&] { return forwarder.deliveryFailures() > 0; }, seconds(30)));
+  EXPECT_TRUE(waitUntil([&] { return queue.count() == 0 && forwarder.eventsSent() >= kEvents; },
+                        seconds(60)));
+  forwarder.stop();
+  forwarder.join();
+  std::set<uint32_t> delivered;
+  for (const Record& record : consume(cluster.bootstraps())) {
+    delivered.insert(indexOf.at(record.value));
+  }
+  EXPECT_EQ(delivered.size(), kEvents);
 }
 
 // A stop flushes what the client holds; what it cannot deliver within the limit goes back to
