@@ -33,7 +33,10 @@ class MockCluster {
  public:
   MockCluster() {
     char error[256];
-    host_ = rd_kafka_new(RD_KAFKA_PRODUCER, rd_kafka_conf_new(), error, sizeof(error));
+    // The hosting client has no brokers of its own and need not say so.
+    rd_kafka_conf_t* conf = rd_kafka_conf_new();
+    rd_kafka_conf_set(conf, "log_level", "3", error, sizeof(error));
+    host_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf, error, sizeof(error));
     cluster_ = rd_kafka_mock_cluster_new(host_, kBrokers);
     rd_kafka_mock_topic_create(cluster_, kTopic, kPartitions, 1);
     for (int p = 0; p < kPartitions; ++p)
@@ -124,9 +127,17 @@ std::string expectedValue(const format::MessageSettings& settings, uint32_t n) {
   std::string out;
   formatter.formatEvent(reinterpret_cast<const uint8_t*>(bytes.data()),
                         static_cast<uint32_t>(bytes.size()), record, out);
-  if (settings.format == format::MessageFormat::kDnstap)
-    return out.substr(format::kDnstapFrameLengthSize);
-  return out.substr(0, out.size() - 1);
+  return settings.format == format::MessageFormat::kDnstap
+             ? out.substr(format::kDnstapFrameLengthSize)
+             : out.substr(0, out.size() - 1);
+}
+
+// The event number of each expected record value.
+std::map<std::string, uint32_t> indexByValue(const format::MessageSettings& settings,
+                                             uint32_t count) {
+  std::map<std::string, uint32_t> index;
+  for (uint32_t n = 0; n < count; ++n) index[expectedValue(settings, n)] = n;
+  return index;
 }
 
 worker::forwarder::ForwarderSettings settingsFor(const MockCluster& cluster,
@@ -147,7 +158,6 @@ class KafkaForwarderTest : public ::testing::Test {
   void SetUp() override {
     if (!haveKcat()) GTEST_SKIP() << "kcat is not installed (scripts/install-test-peers)";
   }
-  MockCluster cluster;
   event::queue::EventQueue queue{event::queue::QueueOptions{}};
   format::MessageSettings messages;
 };
@@ -161,8 +171,7 @@ TEST_F(KafkaForwarderTest, DeliversEveryEventAsOneRecord) {
   for (const format::MessageFormat format : formats) {
     MockCluster fresh;
     messages.format = format;
-    std::map<std::string, uint32_t> indexOf;
-    for (uint32_t n = 0; n < kEvents; ++n) indexOf[expectedValue(messages, n)] = n;
+    const std::map<std::string, uint32_t> indexOf = indexByValue(messages, kEvents);
     ASSERT_EQ(indexOf.size(), kEvents);
 
     KafkaForwarder forwarder(0, settingsFor(fresh, "key=client batch-size=50 compression=lz4"),
@@ -206,8 +215,7 @@ TEST_F(KafkaForwarderTest, BrokerDownPerRecoveryMode) {
   constexpr uint32_t kEvents = 300;
   for (const std::string mode : {"drop", "best-effort", "durable"}) {
     MockCluster fresh;
-    std::map<std::string, uint32_t> indexOf;
-    for (uint32_t n = 0; n < kEvents; ++n) indexOf[expectedValue(messages, n)] = n;
+    const std::map<std::string, uint32_t> indexOf = indexByValue(messages, kEvents);
     KafkaForwarder forwarder(
         0, settingsFor(fresh, "key=client delivery-timeout=1 recovery=" + mode), queue, messages);
     fresh.setUp(1, false);
@@ -242,8 +250,8 @@ TEST_F(KafkaForwarderTest, BrokerDownPerRecoveryMode) {
 // replaced, and what it held comes back through the queue.
 TEST_F(KafkaForwarderTest, ReplacesAFailedClient) {
   constexpr uint32_t kEvents = 200;
-  std::map<std::string, uint32_t> indexOf;
-  for (uint32_t n = 0; n < kEvents; ++n) indexOf[expectedValue(messages, n)] = n;
+  const std::map<std::string, uint32_t> indexOf = indexByValue(messages, kEvents);
+  MockCluster cluster;
   KafkaForwarder forwarder(0, settingsFor(cluster, "key=client"), queue, messages);
   forwarder.start();
   pushEvents(queue, 0, kEvents / 2);
