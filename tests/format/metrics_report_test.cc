@@ -35,6 +35,11 @@ std::vector<Case> cases() {
   MetricsSnapshot kafka;
   // A Kafka forwarder: brokers in `host`, then its topic and delivery failures.
   kafka.forwarders = {{2, false, "k1:9092,k2:9092", 0, true, 900, 10, 1, 0, true, "dns", 4}};
+  // Filter counters show only for the rules that are set.
+  MetricsSnapshot filtered;
+  FilterMetrics rules = {true, false, true, true, false, 5, 0, 6, 7, 0};
+  filtered.listeners = {{0, true, false, false, "", "", 0, 0, 0, 0, {}, {}, rules},
+                        {1, false, false, false, "", "127.0.0.1", 6000, 0, 0, 0, {}, {}, rules}};
   return {
       {kafka,
        "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0] forwarder[id=2 "
@@ -44,6 +49,18 @@ std::vector<Case> cases() {
        R"("eventsDropped":0},"forwarders":[{"id":2,"type":"kafka","brokers":"k1:9092,k2:9092",)"
        R"("topic":"dns","state":"connected","connects":1,"bytesSent":900,"eventsSent":10,)"
        R"("dnstapErrors":0,"deliveryFailures":4}]})"},
+      {filtered,
+       "listener[id=0 type=etw numberOfBuffers=0 freeBuffers=0 eventsLost=0 buffersWritten=0 "
+       "logBuffersLost=0 realTimeBuffersLost=0 droppedByDomain=5 droppedByType=6 sampledOut=7] "
+       "listener[id=1 type=ipv4 host=127.0.0.1 port=6000 accepts=0 activeReceivers=0 "
+       "peakReceivers=0 droppedByDomain=5 droppedByType=6 sampledOut=7] "
+       "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0]",
+       R"({"listeners":[{"id":0,"type":"etw","numberOfBuffers":0,"freeBuffers":0,"eventsLost":0,)"
+       R"("buffersWritten":0,"logBuffersLost":0,"realTimeBuffersLost":0,"droppedByDomain":5,)"
+       R"("droppedByType":6,"sampledOut":7},{"id":1,"type":"ipv4","host":"127.0.0.1",)"
+       R"("port":6000,"accepts":0,"activeReceivers":0,"peakReceivers":0,"droppedByDomain":5,)"
+       R"("droppedByType":6,"sampledOut":7}],"receivers":[],"queue":{"eventsProcessed":0,)"
+       R"("eventsQueued":0,"eventsDropped":0},"forwarders":[]})"},
       {{},
        "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0]",
        R"({"listeners":[],"receivers":[],"queue":{"eventsProcessed":0,"eventsQueued":0,)"
@@ -87,11 +104,11 @@ TEST(MetricsReportTest, BothLayouts) {
     testing::jsonLines() << json << "\n";
   }
   // clear() empties every group for the next report.
-  MetricsSnapshot snapshot = std::get<0>(cases()[2]);
+  MetricsSnapshot snapshot = std::get<0>(cases()[3]);
   snapshot.clear();
   std::string kv;
   formatReport(snapshot, false, kv);
-  EXPECT_EQ(kv, std::get<1>(cases()[1]));
+  EXPECT_EQ(kv, std::get<1>(cases()[2]));
 }
 
 }  // namespace
