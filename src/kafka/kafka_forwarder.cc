@@ -255,6 +255,8 @@ void KafkaForwarder::onDelivery(rd_kafka_t*, const rd_kafka_message_t* message, 
 
 void KafkaForwarder::settle(uint32_t slot, rd_kafka_resp_err_t error, size_t valueSize) {
   if (error == RD_KAFKA_RESP_ERR_NO_ERROR) {
+    // An acknowledged record proves a broker up before the next statistics say so.
+    connected_ = true;
     eventsSent_.fetch_add(1);
     bytesSent_.fetch_add(valueSize);
   } else {
