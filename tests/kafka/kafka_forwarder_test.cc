@@ -179,7 +179,8 @@ TEST_F(KafkaForwarderTest, DeliversEveryEventAsOneRecord) {
     forwarder.start();
     pushEvents(queue, 0, kEvents);
     EXPECT_TRUE(waitUntil([&] { return forwarder.eventsSent() == kEvents; }, seconds(60)));
-    EXPECT_TRUE(waitUntil([&] { return forwarder.connected(); }, seconds(10)));
+    // Connections are counted from the client's statistics, once a second.
+    EXPECT_TRUE(waitUntil([&] { return forwarder.connects() > 0; }, seconds(10)));
     forwarder.stop();
     forwarder.join();
 
@@ -205,7 +206,7 @@ TEST_F(KafkaForwarderTest, DeliversEveryEventAsOneRecord) {
     EXPECT_EQ(std::make_tuple(metrics.is_kafka, metrics.events_sent, metrics.bytes_sent,
                               metrics.delivery_failures, metrics.dnstap_errors),
               std::make_tuple(true, uint64_t{kEvents}, bytes, uint64_t{0}, uint64_t{0}));
-    EXPECT_GE(metrics.connects, 1u);
+    EXPECT_TRUE(metrics.connected);
   }
 }
 
