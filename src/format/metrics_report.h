@@ -87,7 +87,7 @@ struct ForwarderMetrics {
   // A Kafka forwarder: `host` holds its broker list, `port` is unused, and records that failed
   // for good are counted apart from the others.
   bool is_kafka = false;
-  std::string topic;
+  std::string topic = {};
   uint64_t delivery_failures = 0;
 };
 
