@@ -28,14 +28,16 @@ receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings) 
 
 }  // namespace
 
-Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue)
+Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue,
+                   std::unique_ptr<etw::TraceSessionApi> sessionApi)
     : id_(id),
       settings_(settings),
       receiverSettings_(receiverSettingsOf(settings)),
       queue_(queue),
       etwPusher_(queue) {
   if (settings_.etw) {
-    etwReader_ = std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix());
+    etwReader_ =
+        std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix(), std::move(sessionApi));
   } else {
     socket_ = std::make_unique<net::Socket>(id_, settings_.socket);
   }
@@ -71,6 +73,10 @@ void Listener::run() {
     }
   } catch (const std::exception& failure) {
     log::error(prefix() + failure.what());
+    if (settings_.etw) {
+      failure_ = prefix() + failure.what();
+      if (failureHook_ != nullptr) failureHook_();
+    }
   }
   // Whatever ended the loop, no receiver may outlive it.
   stopReceivers();

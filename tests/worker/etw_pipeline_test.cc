@@ -4,15 +4,22 @@
 // itself needs Windows.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstdio>
+#include <memory>
 #include <string>
 
+#include "base/error.h"
 #include "etw/event_decoder.h"
 #include "etw/windows_version.h"
 #include "event/event_queue.h"
 #include "event_builder.h"
+#include "fake_sessions.h"
+#include "format/metrics_report.h"
+#include "log_lines.h"
 #include "worker/event_pusher.h"
 #include "worker/forwarder.h"
+#include "worker/listener.h"
 #include "worker_test_support.h"
 
 namespace vantrelo::worker {
@@ -104,6 +111,53 @@ TEST(EtwPipelineTest, CapturedEventsReachTheCollectorAsExactLines) {
   for (const auto& c : cases) {
     EXPECT_EQ(relayCapturedPair(c.format), c.lines);
   }
+}
+
+// An ETW listener over scripted session calls: what the session delivers reaches the queue,
+// the session's loss counters reach the metrics line through a statistics query, and a session
+// that cannot be started fails the listener and calls its failure hook.
+TEST(EtwPipelineTest, EtwListenerOverScriptedSessions) {
+  static std::atomic<int> failures{0};
+  etw::testing::LogLines log;
+  listener::ListenerSettings settings = listener::parse("etw");
+  settings.etwSettings.windowsVersion = etw::kWindows2025;
+  settings.etwSettings.identityFromEvent = false;
+  event::queue::EventQueue queue(event::queue::QueueOptions{1 << 16, false, ""});
+  const etw::testing::SyntheticEvent query = etw::testing::buildEvent(287, etw::kWindows2025);
+  const etw::testing::SyntheticEvent response = etw::testing::buildEvent(284, etw::kWindows2025);
+
+  auto capturing = std::make_unique<etw::testing::FakeSessions>();
+  etw::testing::FakeSessions& fake = *capturing;
+  fake.processing = {etw::testing::stopped(0, {&query, &response})};
+  listener::Listener listener(0, settings, queue, std::move(capturing));
+  fake.requestStop = [&listener] { listener.stop(); };
+  listener.setFailureHook([] { ++failures; });
+  listener.start();
+  listener.join();
+  uint64_t processed = 0, queued = 0, dropped = 0;
+  queue.snapshot(processed, queued, dropped);
+  EXPECT_EQ(queued, 2u);
+  EXPECT_EQ(listener.failure(), "");
+
+  fake.statistics = {64, 60, 7, 900, 2, 3};
+  format::MetricsSnapshot snapshot;
+  snapshot.listeners.resize(1);
+  listener.metrics(snapshot.listeners[0]);
+  std::string line;
+  format::formatReport(snapshot, false, line);
+  EXPECT_NE(line.find(" type=etw numberOfBuffers=64 freeBuffers=60 eventsLost=7 "
+                      "buffersWritten=900 logBuffersLost=2 realTimeBuffersLost=3"),
+            std::string::npos)
+      << line;
+
+  auto denied = std::make_unique<etw::testing::FakeSessions>();
+  denied->starts = {5};
+  listener::Listener failing(1, settings, queue, std::move(denied));
+  failing.setFailureHook([] { ++failures; });
+  failing.start();
+  failing.join();
+  EXPECT_EQ(failing.failure(), "Listener[1]: StartTrace() failed: " + error::systemErrorText(5));
+  EXPECT_EQ(failures.load(), 1);
 }
 
 }  // namespace
