@@ -8,6 +8,7 @@
 #include "app/platform.h"
 #include "app/process_state.h"
 #include "app/settings_reader.h"
+#include "base/error.h"
 #include "base/log.h"
 #include "event/queue_file.h"
 
@@ -98,6 +99,11 @@ void runSteps(WorkerFactory* factory) {
 
   stopWorkers(run);
   if (!standardOutputMode()) event::queue::save(*run.queue);
+  // The queue is saved either way; a listener that could not capture makes the run a failure.
+  for (const auto& worker : run.listeners) {
+    const std::string failure = worker->failure();
+    if (!failure.empty()) throw error::UnknownError(failure);
+  }
   log::info("Stopped");
 }
 

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "app/process_state.h"
 #include "worker/background_logger.h"
 
 namespace vantrelo::app {
@@ -35,6 +36,8 @@ std::unique_ptr<Worker> AgentWorkers::createListener(
     uint32_t id, const worker::listener::ListenerSettings& settings,
     event::queue::EventQueue& queue) {
   auto listener = std::make_unique<worker::listener::Listener>(id, settings, queue);
+  // A listener that cannot capture at all ends the run, which then reports it as failed.
+  listener->setFailureHook(&requestStop);
   listeners_.push_back(listener.get());
   return std::make_unique<WorkerOf<worker::listener::Listener>>(std::move(listener));
 }

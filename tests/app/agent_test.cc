@@ -42,6 +42,9 @@ class RecordingFactory : public WorkerFactory {
     void start() override { calls_ += "start " + name_ + ", "; }
     void requestStop() override { calls_ += "stop " + name_ + ", "; }
     void join() override { calls_ += "join " + name_ + ", "; }
+    std::string failure() const override { return failureText; }
+
+    std::string failureText;
 
    private:
     std::string& calls_;
@@ -59,8 +62,10 @@ class RecordingFactory : public WorkerFactory {
   std::unique_ptr<Worker> createListener(uint32_t id,
                                          const worker::listener::ListenerSettings& settings,
                                          event::queue::EventQueue&) override {
-    return std::make_unique<Fake>(
+    auto listener = std::make_unique<Fake>(
         calls, "l" + std::to_string(id) + ":" + std::to_string(settings.socket.port));
+    if (id == failingListener) listener->failureText = "Listener[1]: StartTrace() failed: denied";
+    return listener;
   }
   std::unique_ptr<Worker> createBackgroundLogger(const format::MetricsSettings& settings,
                                                  event::queue::EventQueue&) override {
@@ -68,6 +73,7 @@ class RecordingFactory : public WorkerFactory {
   }
 
   std::string calls;
+  uint32_t failingListener = UINT32_MAX;
 };
 
 // Workers are made in file order, every forwarder writing to standard output in that mode.
@@ -108,6 +114,45 @@ TEST(AgentTest, StartsAndStopsWorkersInOrder) {
             "join l0:7001, join l1:7002, join f0:1/stdout, join f1:2/stdout, join bg5, "
             "destroy bg5, destroy l0:7001, destroy l1:7002, destroy f0:1/stdout, "
             "destroy f1:2/stdout, ");
+}
+
+// A listener that could not capture fails the run, after the same orderly stop and save.
+TEST(AgentTest, AListenerFailureFailsTheRun) {
+  const std::filesystem::path directory =
+      std::filesystem::temp_directory_path() /
+      ("vantrelo_agent_fail_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
+  std::filesystem::create_directories(directory);
+  const std::filesystem::path previous = std::filesystem::current_path();
+  const std::string path = (directory / "vantrelo.conf").string();
+  std::ofstream(path, std::ios::binary)
+      << "listener ipv4 127.0.0.1 7001\nlistener ipv4 127.0.0.1 7002\nmetrics-interval 5\n";
+  setConfigPath(path.c_str());
+  RecordingFactory factory;
+  factory.failingListener = 1;
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  std::atomic<bool> done{false};
+  std::thread agent([&] {
+    runAgent(&factory);
+    done = true;
+  });
+  while (!done) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    requestStop();
+  }
+  agent.join();
+  const std::string logged =
+      testing::internal::GetCapturedStdout() + testing::internal::GetCapturedStderr();
+  std::filesystem::current_path(previous);
+  std::filesystem::remove_all(directory);
+  EXPECT_NE(logged.find("[ERROR] Run failed: Listener[1]: StartTrace() failed: denied\n"),
+            std::string::npos)
+      << logged;
+  EXPECT_EQ(logged.find("[INFO] Stopped"), std::string::npos) << logged;
+  EXPECT_EQ(factory.calls,
+            "start l0:7001, start l1:7002, start bg5, stop l0:7001, stop l1:7002, stop bg5, "
+            "join l0:7001, join l1:7002, join bg5, destroy bg5, destroy l0:7001, "
+            "destroy l1:7002, ");
 }
 
 }  // namespace
