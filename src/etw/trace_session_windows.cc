@@ -5,10 +5,12 @@
 #include <tdh.h>
 // clang-format on
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,7 +52,6 @@ static_assert(kControlStop == EVENT_TRACE_CONTROL_STOP);
 static_assert(kWnodeFlagTracedGuid == WNODE_FLAG_TRACED_GUID);
 static_assert(kStatusAlreadyExists == ERROR_ALREADY_EXISTS);
 static_assert(kStatusInstanceNotFound == ERROR_WMI_INSTANCE_NOT_FOUND);
-static_assert(sizeof(Guid) == sizeof(GUID));
 
 // EVENT_FILTER_EVENT_ID (evntprov.h of the Windows SDK; not in every header set): a 4-byte
 // header followed by Count event ids.
@@ -122,8 +123,9 @@ class WindowsEventView : public EventRecordView {
       : record_(record), context_(context) {}
 
   Guid providerId() const override {
-    Guid id;
-    std::memcpy(&id, &record_.EventHeader.ProviderId, sizeof id);
+    const GUID& guid = record_.EventHeader.ProviderId;
+    Guid id{guid.Data1, guid.Data2, guid.Data3, {}};
+    std::copy(std::begin(guid.Data4), std::end(guid.Data4), id.data4);
     return id;
   }
   uint16_t eventId() const override { return record_.EventHeader.EventDescriptor.Id; }
@@ -268,8 +270,8 @@ class SystemTraceSessions : public TraceSessionApi {
 
  private:
   static GUID toGuid(const Guid& id) {
-    GUID guid;
-    std::memcpy(&guid, &id, sizeof guid);
+    GUID guid{id.data1, id.data2, id.data3, {}};
+    std::copy(std::begin(id.data4), std::end(id.data4), guid.Data4);
     return guid;
   }
 
