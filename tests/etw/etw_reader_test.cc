@@ -8,6 +8,7 @@
 #include <deque>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "base/error.h"
@@ -35,12 +36,12 @@ constexpr uint32_t kCancelled = 1223;
 constexpr auto kBackOffUnit = std::chrono::milliseconds(5);
 
 struct Reader {
-  explicit Reader(EtwSettings settings = {}) {
+  explicit Reader(EtwSettings settings = {}, std::chrono::milliseconds backOffUnit = kBackOffUnit) {
     settings.windowsVersion = kWindows2022;
     settings.identityFromEvent = false;
     auto api = std::make_unique<FakeSessions>();
     fake = api.get();
-    reader = std::make_unique<EtwReader>(settings, "Listener[0]: ", std::move(api), kBackOffUnit);
+    reader = std::make_unique<EtwReader>(settings, "Listener[0]: ", std::move(api), backOffUnit);
     fake->requestStop = [this] { reader->stop(); };
   }
   Reader(const Reader&) = delete;
@@ -190,6 +191,18 @@ TEST(EtwReader, RestartsWithBackOff) {
   early.reader->stop();
   EXPECT_EQ(early.run(), "");
   EXPECT_EQ(early.fake->calls, "");
+
+  // A stop request (the service stopping) ends a back-off wait of a minute at once.
+  Reader waiting(EtwSettings{}, std::chrono::seconds(60));
+  waiting.fake->processing = {ended()};
+  std::thread stopper([&waiting] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    waiting.reader->stop();
+  });
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(waiting.run(), "");
+  stopper.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(30));
 }
 
 // An event that throws anything at all is counted and logged, never passed on to the system;
