@@ -10,7 +10,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
 #include "event/event_queue.h"
 #include "format/message_settings.h"
@@ -30,9 +29,6 @@ class Worker {
   virtual void requestStop() = 0;
   // Waits for the worker's thread to end.
   virtual void join() = 0;
-  // After join(): why the worker ended by itself because it could not go on, which fails the
-  // run; empty when it did not.
-  virtual std::string failure() const { return {}; }
 };
 
 // Adapts a worker class with start(), stop() and join() to the Worker interface; owns it.
@@ -43,10 +39,6 @@ class WorkerOf : public Worker {
   void start() override { worker_->start(); }
   void requestStop() override { worker_->stop(); }
   void join() override { worker_->join(); }
-  std::string failure() const override {
-    if constexpr (requires(const T& worker) { worker.failure(); }) return worker_->failure();
-    return {};
-  }
   T& get() { return *worker_; }
 
  private:

@@ -80,10 +80,7 @@ void Listener::run() {
     }
   } catch (const std::exception& failure) {
     log::error(prefix() + failure.what());
-    if (settings_.etw) {
-      failure_ = prefix() + failure.what();
-      if (failureHook_ != nullptr) failureHook_();
-    }
+    if (settings_.etw && failureHook_ != nullptr) failureHook_(prefix() + failure.what());
   }
   // Whatever ended the loop, no receiver may outlive it.
   stopReceivers();

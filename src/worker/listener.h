@@ -68,10 +68,9 @@ class Listener {
 
   // An ETW listener whose trace session cannot run (access denied, no free logger) ends with
   // an error line; with nothing captured the agent run should end as failed. The hook (set
-  // before start()) is called on the listener's thread when that happens, and failure() then
-  // tells why; it is read after join(), and is empty otherwise.
-  void setFailureHook(void (*hook)()) { failureHook_ = hook; }
-  const std::string& failure() const { return failure_; }
+  // before start()) is then called on the listener's thread with the line's text.
+  using FailureHook = void (*)(const std::string& reason);
+  void setFailureHook(FailureHook hook) { failureHook_ = hook; }
 
  private:
   using ReceiverMap = std::map<uint32_t, std::unique_ptr<receiver::Receiver>>;
@@ -110,8 +109,7 @@ class Listener {
   std::atomic<uint64_t> activeReceivers_{0};
   std::atomic<uint64_t> peakReceivers_{0};
   std::atomic<uint16_t> boundPort_{0};
-  void (*failureHook_)() = nullptr;
-  std::string failure_;  // written by the listener's thread before it ends
+  FailureHook failureHook_ = nullptr;
 };
 
 }  // namespace vantrelo::worker::listener
