@@ -32,26 +32,21 @@ TEST(FilterConfig, NothingSetMeansNoFilter) {
   EXPECT_EQ(read({{"filter-sample-one-in", "1"}, {"filter-client-address", "keep"}}), nullptr);
 }
 
-TEST(FilterConfig, ReadsEveryRule) {
-  const std::string list = writeFile("list", "# CDN\ncdn.example\n\nHealth.Example.\n");
+// Lists from files, single drop types, sampling and truncation run end to end; these are the rest.
+TEST(FilterConfig, ReadsTheRulesTheRelayTestsLeaveOut) {
   const std::string key = writeFile("key", "0123456789abcdef0123456789abcdef\n");
   auto settings = read({{"filter-drop-domain", "corp.example."},
-                        {"filter-drop-domain-file", list},
                         {"filter-keep-domain", "example"},
                         {"filter-drop-type", "PTR  srv"},
                         {"filter-drop-type", "TYPE65"},
-                        {"filter-sample-one-in", "100"},
                         {"filter-client-address", "pseudonym"},
                         {"filter-client-key-file", key}});
   ASSERT_NE(settings, nullptr);
-  EXPECT_TRUE(settings->dropDomains.covers("x.health.example") &&
-              settings->dropDomains.covers("corp.example") &&
-              settings->dropDomains.covers("a.cdn.example"));
+  EXPECT_TRUE(settings->dropDomains.covers("x.corp.example"));
   EXPECT_TRUE(settings->keepList);
   EXPECT_EQ(settings->dropTypes.count(), 3u);
   EXPECT_TRUE(settings->dropTypes.test(12) && settings->dropTypes.test(33) &&
               settings->dropTypes.test(65));
-  EXPECT_EQ(settings->sampleOneIn, 100u);
   EXPECT_EQ(settings->privacy.key.size(), 33u);
 
   settings = read({{"filter-client-address", "truncate"}, {"filter-client-ipv6-prefix", "48"}});
@@ -67,8 +62,6 @@ TEST(FilterConfig, ErrorsSayWhatAndWhere) {
     Keys keys;
     std::string message;  // a prefix of the error's text
   } cases[] = {
-      {{{"filter-drop-domain", "a..b"}},
-       "Invalid filter-drop-domain specified in config file: a..b (empty label)"},
       {{{"filter-keep-domain-file", missing}},
        "Cannot read filter-keep-domain-file " + missing + ": "},
       {{{"filter-drop-domain-file", badList}},
@@ -79,8 +72,6 @@ TEST(FilterConfig, ErrorsSayWhatAndWhere) {
        "Invalid filter-drop-type specified in config file: PTR BOGUS (unknown type BOGUS)"},
       {{{"filter-sample-one-in", "0"}},
        "Invalid filter-sample-one-in specified in config file: 0 (a whole number of 1 or more)"},
-      {{{"filter-client-address", "hash"}},
-       "Unknown filter-client-address specified in config file: hash"},
       {{{"filter-client-address", "truncate"}, {"filter-client-ipv4-prefix", "33"}},
        "Invalid filter-client-ipv4-prefix specified in config file: 33 (0 to 32 bits)"},
       {{{"filter-client-address", "pseudonym"}},
