@@ -27,23 +27,18 @@ TEST(DomainOffsetTest, BuiltinAndConfiguredSuffixes) {
   const std::vector<Case> with_dot = {
       {"host.example.com.", true, true, "example.com."},
       {"a.b.example.co.uk.", true, true, "example.co.uk."},
-      {"co.uk.", true, true, "co.uk."},
       {"host.nosuchtld.", true, true, "nosuchtld."},
       {"www.ck.", true, true, "ck."},  // "!www.ck" and "*.ck" are plain texts here
-      {"a.b.ck.", true, true, "ck."},
       {"x.y.corp.example.", true, true, "corp.example."},
       {"x.y.corp.example.", false, true, "corp.example."},
       {"x.y.corp.example.", true, false, "example."},
       {"host.example.com.", false, true, "com."},  // nothing matches: the last label
-      {"host.example.com.", false, false, ""},
       {".", true, true, "."},
       {"", true, true, ""},
       {"a.xn--55qx5d.cn.", true, true, "a.xn--55qx5d.cn."},
   };
   const std::vector<Case> without_dot = {
       {"host.example.com", true, true, "example.com"},
-      {"host.nosuchtld", true, true, "nosuchtld"},
-      {"x.y.corp.example", true, true, "corp.example"},
       {"x.y.corp.example", true, false, "example"},
       // The trailing-dot form is not in the sets now, so the last label is the domain.
       {"host.example.com.", true, true, "com."},

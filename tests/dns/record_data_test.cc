@@ -54,22 +54,18 @@ TEST(PresentRdataTest, EdgesOfEveryLayout) {
       {16, {0, 3, 0x0A, '\\', 0xFF}, "\"\" \"\\010\\\\\\255\""},
       {16, {5, 'a'}, "!Character-string length 5 exceeds the 1 bytes left in the record data"},
       {43, {0x30, 0x39, 13}, "!DS record data length is 3 but its fields need 4 bytes"},
-      {59, {0, 0, 0, 0}, "0 0 0 "},
       // The IPSECKEY gateway is chosen by the third byte and read after the fourth.
       {45, {10, 1, 0, 7, 'a', 'b', 'c'}, "10 1 0 7 . YWJj"},
       {45, {10, 0, 1, 7, 192, 0, 2, 1, 'a'}, "10 0 1 7 192.0.2.1 YQ=="},
       {45, cat({{10, 0, 2, 7}, k16Zero}), "10 0 2 7 :: "},
       {45, cat({{10, 2, 3, 7}, kPtr, {'a', 'b'}}), "10 2 3 7 a.b. YWI="},
-      {45, {10, 3, 4, 7, 'a', 'b'}, "10 3 4 7 YWI="},
       {45, {10, 0, 1, 7, 1, 2}, "!IPSECKEY record data length is 6 but its fields need 8 bytes"},
       {46, cat({{0xFF, 0x00, 8, 2}, Bytes(14, 0), {0}}),
        "TYPE65280 8 2 0 19700101000000 19700101000000 0 . "},
-      {60, {0, 0, 3, 0}, "0 3 0 "},
       {50,
        {1, 0, 0, 10, 0, 1, 0xFF, 0, 6, 0x20, 0, 0, 0, 0, 0x02, 1, 1, 0x80},
        "1 0 10 - VS NS RRSIG URI"},
       {50, {1, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0x02}, "1 0 0 -  TYPE54"},
-      {51, {1, 0, 0, 5, 0}, "1 0 5 -"},
       {256, {0, 10, 0, 1, 3, 'a', ':', 'b'}, "10 1 \"a:b\""},
       {257, {0, 5, 'i', 's', 's', 'u', 'e', 2, 'c', 'a'}, "0 issue \"ca\""},
       // Types without a layout of their own, known or not, use the generic form.
@@ -86,8 +82,6 @@ TEST(PresentRdataTest, EdgesOfEveryLayout) {
        "!Parse HTTPS record data failed: Expected 9 << bytes at 40 until 42"},
       {65, svcb({0, 1, 0, 2, 5, 'h'}),
        "!Parse HTTPS record data failed: Expected 5 << bytes at 41 until 42"},
-      {65, svcb({0, 4, 0, 2, 1, 2}),
-       "!Parse HTTPS record data failed: Expected 4 << bytes at 40 until 42"},
   };
   for (const Case& c : cases) EXPECT_EQ(present(c.type, c.rdata), c.text) << "type " << c.type;
 }
