@@ -47,7 +47,6 @@ TEST(TextEncodingTest, DecodersTakeMoreThanTheEncodersWriteAndNameWhatTheyRefuse
       {kBase64, " Zg = = ", ">f"},
       {kBase64, "Zh==", ">f"},  // left-over bits are dropped unchecked
       {kBase64, "Zm9vY", "Invalid base64 length: 5"},
-      {kBase64, "Zm9 vY", "Invalid base64 length: 5"},
       {kBase64, "Z=mA", "Invalid base64 padding"},
       {kBase64, "Zg==Zm9v", "Invalid base64 padding"},
       {kBase64, "Zm9v Z===", "Invalid base64 padding"},
@@ -58,8 +57,7 @@ TEST(TextEncodingTest, DecodersTakeMoreThanTheEncodersWriteAndNameWhatTheyRefuse
       {kHex, "00fF", b(">\0\xff")},
       {kHex, "ABC", "Hex string length must be even"},
       {kHex, "AbG0", "Invalid character in hex string: 71"},
-      {kHex, "0x12", "Invalid character in hex string: 120"},
-      {kHex, "12\xff\xff", "Invalid character in hex string: 255"}};
+      {kHex, "0x12", "Invalid character in hex string: 120"}};
   for (const auto& [codec, text, expected] : cases) {
     std::string out = ">";
     const std::string error =
