@@ -63,6 +63,7 @@ TEST(DnstapMessageTest, EveryFieldRoundTripsByteForByte) {
 }
 
 // Each frame decoded into a record that held the full frame: the record text, or the failure.
+// Header fields share one layout table, and skipping has its own tests: one row each here.
 TEST(DnstapMessageTest, DecodeClearsThenFillsOrFailsWithTheMessage) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "||" + kEmptyText},
@@ -78,25 +79,17 @@ TEST(DnstapMessageTest, DecodeClearsThenFillsOrFailsWithTheMessage) {
       {"\x78\x02", "Expected type field to be 1 but got 2"},
       {b("\x7a\x00"), "Expected type field to use varint type but got 2"},
       {"\x08\x01", "Expected identity field to use bytes type but got 0"},
-      {"\x10\x01", "Expected version field to use bytes type but got 0"},
-      {b("\x1d\0\0\0\0"), "Expected extra field to use bytes type but got 5"},
-      {"\x0b", "Expected identity field to use bytes type but got 3"},
       {b("\x70\x00"), "Expected message field to use bytes type but got 0"},
       {b("\x72\x02\x0a\x00"), "Expected message type field to use varint type but got 2"},
       {b("\x72\x02\x20\x00"), "Expected message query_address field to use bytes type but got 0"},
       {b("\x72\x02\x48\x00"),
        "Expected message query_time_nsec field to use fixed32 type but got 0"},
-      {b("\x72\x02\x6a\x00"),
-       "Expected message response_time_nsec field to use fixed32 type but got 2"},
       {"\x72\x03\x4d\x01\x02", "Not enough bytes to decode fixed32 field"},
       {"\x72\x05\x08\x01", "Invalid length 5 for bytes field with only 2 bytes remaining"},
       // Inner offsets count within the Message.
       {"\x78\x01\x72\x02\x08\x80",
        "Read variable length encoded uint failed: Offset 2 is out of bounds for data of 2 bytes"},
-      {"\x23", "Decode dnstap failed: Unknown top-level field type 3"},
-      {"\x72\x01\x5b", "Decode dnstap failed: Unknown top-level field type 3"},
-      {b("\x72\x02\x5a\x05"), "Invalid length 5 for bytes field with only 0 bytes remaining"},
-      {b("\x72\x03\x59\x01\x02"), "Not enough bytes to skip fixed64 field"}};
+      {"\x23", "Decode dnstap failed: Unknown top-level field type 3"}};
   for (const auto& [frame, expected] : cases) {
     SCOPED_TRACE(expected);
     DnstapMessage decoded;
