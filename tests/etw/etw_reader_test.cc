@@ -15,15 +15,15 @@
 #include "etw/windows_version.h"
 #include "event_builder.h"
 #include "fake_sessions.h"
-#include "log_lines.h"
+#include "net_test_support.h"
 
 namespace vantrelo::etw {
 namespace {
 
+using net::testing::LogRecorder;
 using testing::buildEvent;
 using testing::ended;
 using testing::FakeSessions;
-using testing::LogLines;
 using testing::Processing;
 using testing::stopped;
 using testing::SyntheticEvent;
@@ -70,93 +70,51 @@ TEST(EtwReader, SessionLifeCycle) {
   const std::string kLeftOver = "I Listener[0]: Stopping the ETW session left by an earlier run";
   struct Case {
     const char* name;
-    bool independent;
     void (*script)(FakeSessions&);
-    std::string calls;
-    std::string failure;
-    std::vector<std::string> log;
+    std::string calls, failure;
+    bool leftOver = false;  // the left-over session is logged
   };
+  const auto none = [](FakeSessions&) {};
+  // clang-format off
   const Case cases[] = {
-      {"a stop while processing ends the run and the session",
-       true,
-       [](FakeSessions&) {},
-       kProcessed,
-       "",
-       {}},
-      {"etw-independent-session off",
-       false,
-       [](FakeSessions&) {},
-       "start/100 enable open process close stop ",
-       "",
-       {}},
+      {"a stop while processing ends the run and the session", none, kProcessed, ""},
       {"a session left by an earlier run is stopped and started anew",
-       true,
-       [](FakeSessions& f) { f.starts = {183}; },
-       "start/8000100=183 stop " + kProcessed,
-       "",
-       {kLeftOver}},
+       [](FakeSessions& f) { f.starts = {183}; }, "start/8000100=183 stop " + kProcessed, "", true},
       {"one that cannot be stopped fails the run",
-       true,
-       [](FakeSessions& f) {
-         f.starts = {183};
-         f.stops = {kAccessDenied};
-       },
-       "start/8000100=183 stop=5 ",
-       failed("ControlTrace()", kAccessDenied),
-       {kLeftOver}},
-      {"one that is back at once fails the run",
-       true,
-       [](FakeSessions& f) {
-         f.starts = {183, 183};
-       },
-       "start/8000100=183 stop start/8000100=183 ",
-       failed("StartTrace()", 183),
-       {kLeftOver}},
-      {"no right to start a session",
-       true,
-       [](FakeSessions& f) { f.starts = {kAccessDenied}; },
-       "start/8000100=5 ",
-       failed("StartTrace()", kAccessDenied),
-       {}},
+       [](FakeSessions& f) { f.starts = {183}; f.stops = {kAccessDenied}; },
+       "start/8000100=183 stop=5 ", failed("ControlTrace()", kAccessDenied), true},
+      {"one that is back at once fails the run", [](FakeSessions& f) { f.starts = {183, 183}; },
+       "start/8000100=183 stop start/8000100=183 ", failed("StartTrace()", 183), true},
+      {"no right to start a session", [](FakeSessions& f) { f.starts = {kAccessDenied}; },
+       "start/8000100=5 ", failed("StartTrace()", kAccessDenied)},
       {"a session without its provider is not left behind",
-       true,
-       [](FakeSessions& f) { f.enables = {kAccessDenied}; },
-       "start/8000100 enable=5 stop ",
-       failed("EnableTraceEx2()", kAccessDenied),
-       {}},
-      {"nor one without its consumer",
-       true,
-       [](FakeSessions& f) { f.opens = {4201}; },
-       "start/8000100 enable open=4201 stop ",
-       failed("OpenTrace()", 4201),
-       {}},
+       [](FakeSessions& f) { f.enables = {kAccessDenied}; }, "start/8000100 enable=5 stop ",
+       failed("EnableTraceEx2()", kAccessDenied)},
+      {"nor one without its consumer", [](FakeSessions& f) { f.opens = {4201}; },
+       "start/8000100 enable open=4201 stop ", failed("OpenTrace()", 4201)},
       {"a stop during start-up is a normal end",
-       true,
-       [](FakeSessions& f) {
-         f.stopBeforeOpen = true;
-         f.opens = {4201};
-       },
-       "start/8000100 enable open=4201 stop ",
-       "",
-       {}},
+       [](FakeSessions& f) { f.stopBeforeOpen = true; f.opens = {4201}; },
+       "start/8000100 enable open=4201 stop ", ""},
       {"any status after a stop request is a normal end",
-       true,
-       [](FakeSessions& f) { f.processing = {stopped(kCancelled)}; },
-       kProcessed,
-       "",
-       {}},
-  };
+       [](FakeSessions& f) { f.processing = {stopped(kCancelled)}; }, kProcessed,
+       ""}};
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    LogLines log;
-    EtwSettings settings;
-    settings.independentSession = c.independent;
-    Reader r(settings);
+    LogRecorder log;
+    Reader r;
     c.script(*r.fake);
     EXPECT_EQ(r.run(), c.failure);
     EXPECT_EQ(r.fake->calls, c.calls);
-    EXPECT_EQ(log.take(), c.log);
+    EXPECT_EQ(log.lines(),
+              c.leftOver ? std::vector<std::string>{kLeftOver} : std::vector<std::string>{});
   }
+  // Without etw-independent-session the session is started in the shared mode.
+  EtwSettings shared;
+  shared.independentSession = false;
+  Reader r(shared);
+  EXPECT_EQ(r.run(), "");
+  EXPECT_EQ(r.fake->calls, "start/100 enable open process close stop ");
 }
 
 // Processing that ends without a stop request starts the session again after 1, 2, 4 ... 60
@@ -164,12 +122,12 @@ TEST(EtwReader, SessionLifeCycle) {
 // makes no session call at all.
 TEST(EtwReader, RestartsWithBackOff) {
   const auto delays = [](std::deque<Processing> processing) {
-    LogLines log;
+    LogRecorder log;
     Reader r;
     r.fake->processing = std::move(processing);
     EXPECT_EQ(r.run(), "");
     std::string seconds;
-    for (const std::string& line : log.take()) {
+    for (const std::string& line : log.lines()) {
       EXPECT_EQ(
           line.rfind("E Listener[0]: ETW session ended without a stop request (ProcessTrace: ", 0),
           0u);
@@ -180,7 +138,7 @@ TEST(EtwReader, RestartsWithBackOff) {
   EXPECT_EQ(delays(std::deque<Processing>(8, ended())), "1 s,2 s,4 s,8 s,16 s,32 s,60 s,60 s,");
   EXPECT_EQ(delays({ended(), ended(), ended(61 * kBackOffUnit), ended()}), "1 s,2 s,1 s,2 s,");
 
-  LogLines quiet;
+  LogRecorder quiet;
   Reader r;
   r.fake->processing = std::deque<Processing>(2, ended());
   EXPECT_EQ(r.run(), "");
@@ -228,7 +186,7 @@ TEST(EtwReader, CallbackFailuresAreCountedAndRateLimited) {
   }
   processing.events.push_back(&good);
 
-  LogLines log;
+  LogRecorder log;
   Reader r;
   r.fake->processing = {processing};
   EXPECT_EQ(r.run(), "");
@@ -241,7 +199,7 @@ TEST(EtwReader, CallbackFailuresAreCountedAndRateLimited) {
   const std::string unknown =
       "E Listener[0]: Unknown failure while decoding an event (failures not logged since the "
       "last line: 1)";
-  EXPECT_EQ(log.take(), (std::vector<std::string>{a, unknown, b, a, b, a, b, a, b, a}));
+  EXPECT_EQ(log.lines(), (std::vector<std::string>{a, unknown, b, a, b, a, b, a, b, a}));
 }
 
 }  // namespace

@@ -77,9 +77,11 @@ const std::map<std::pair<uint16_t, uint32_t>, std::string> kTemplates = {
      "AdditionalInfo:U GUID:U QueriesAttached:u32 EDNSScopeName:U EDNSCorrelationTag:guid"},
 };
 
-void appendLittleEndian(std::string& out, uint64_t value, int bytes) {
-  for (int i = 0; i < bytes; ++i) out.push_back(static_cast<char>(value >> (8 * i)));
-}
+// The declaration of each template type; strings and the message carry no length.
+const std::map<std::string, PropertyInfo> kTypes = {
+    {"u8", {kInTypeUint8, 1}},        {"u16", {kInTypeUint16, 2}}, {"u32", {kInTypeUint32, 4}},
+    {"u64", {kInTypeUint64, 8}},      {"guid", {kInTypeGuid, 16}}, {"A", {kInTypeAnsiString, 0}},
+    {"U", {kInTypeUnicodeString, 0}}, {"bin", {kInTypeBinary, 0}}};
 
 }  // namespace
 
@@ -96,48 +98,29 @@ SyntheticEvent buildEventFrom(uint16_t eventId, const std::string& properties,
   event.id = eventId;
   event.time = v.time;
   std::istringstream words(properties);
-  std::string word;
-  while (words >> word) {
-    const size_t colon = word.find(':');
-    const std::string name = word.substr(0, colon);
-    const std::string type = word.substr(colon + 1);
+  for (std::string word; words >> word;) {
+    const std::string name = word.substr(0, word.find(':'));
+    const std::string type = word.substr(word.find(':') + 1);
+    const PropertyInfo info = kTypes.at(type);
     event.offsets.push_back(static_cast<uint32_t>(event.data.size()));
     event.info.names.emplace_back(name.begin(), name.end());
+    event.info.properties.push_back(info);
     std::string& out = event.data;
-    if (type == "u8") {
-      event.info.properties.push_back({kInTypeUint8, 1});
-      out.push_back(static_cast<char>(name == "TCP" ? v.tcp : 1));
-    } else if (type == "u16") {
-      event.info.properties.push_back({kInTypeUint16, 2});
-      appendLittleEndian(out, 0x0102, 2);
-    } else if (type == "u32") {
-      event.info.properties.push_back({kInTypeUint32, 4});
-      appendLittleEndian(out,
-                         name == "Port"         ? v.port
-                         : name == "BufferSize" ? static_cast<uint32_t>(v.message.size())
-                                                : 0x01020304,
-                         4);
-    } else if (type == "u64") {
-      event.info.properties.push_back({kInTypeUint64, 8});
-      appendLittleEndian(out, 0x0102030405060708, 8);
-    } else if (type == "guid") {
-      event.info.properties.push_back({kInTypeGuid, 16});
-      out.append(16, '\x5a');
-    } else if (type == "A") {
-      event.info.properties.push_back({kInTypeAnsiString, 0});
+    if (type == "A") {
       out += name == "InterfaceIP"                       ? v.local
              : name == "Source" || name == "Destination" ? v.remote
                                                          : "example.com.";
       out.push_back('\0');
     } else if (type == "U") {
-      event.info.properties.push_back({kInTypeUnicodeString, 0});
       out.append("D\0e\0f\0\0\0", 8);  // u"Def"
     } else if (type == "bin") {
-      // The provider declares the message's size through BufferSize, not here.
-      event.info.properties.push_back({kInTypeBinary, 0});
-      out += v.message;
+      out += v.message;  // its size is declared through BufferSize
     } else {
-      throw std::logic_error("unknown property type " + type);
+      const uint64_t number = name == "TCP"          ? v.tcp
+                              : name == "Port"       ? v.port
+                              : name == "BufferSize" ? v.message.size()
+                                                     : 0x0102030405060708;
+      for (int i = 0; i < info.length; ++i) out.push_back(static_cast<char>(number >> 8 * (i % 8)));
     }
   }
   event.info.count = static_cast<uint32_t>(event.info.properties.size());

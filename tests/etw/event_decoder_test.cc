@@ -9,16 +9,16 @@
 #include "encoding/ip.h"
 #include "etw/windows_version.h"
 #include "event_builder.h"
-#include "log_lines.h"
+#include "net_test_support.h"
 
 namespace vantrelo::etw {
 namespace {
 
 using encoding::dnstap::DnstapMessage;
+using net::testing::LogRecorder;
 using testing::buildEvent;
 using testing::buildEventFrom;
 using testing::EventValues;
-using testing::LogLines;
 using testing::SyntheticEvent;
 
 // 2023-11-14T22:13:20Z plus 0.1234567 s, in 100-ns ticks since 1601.
@@ -101,7 +101,7 @@ TEST(EventDecoder, EveryTemplateDecodesEveryValue) {
       {285, {k25}, "6" + kClient + kResponse},
       {289, {k25}, "3" + kResolver + kQuery},
       {290, {k25}, "4" + kResolver + kResponse}};
-  LogLines log;
+  LogRecorder log;
   for (const auto& [id, versions, expected] : cases) {
     for (uint32_t version : versions) {
       Decoder d(allOn(version));
@@ -110,7 +110,7 @@ TEST(EventDecoder, EveryTemplateDecodesEveryValue) {
       EXPECT_EQ(describe(d.last), expected) << id << " on " << windowsVersionName(version);
     }
   }
-  EXPECT_EQ(log.take(), std::vector<std::string>{});
+  EXPECT_EQ(log.lines(), std::vector<std::string>{});
 }
 
 // A release that moves what the decoder reads: found by name with one warning, or, when a
@@ -155,11 +155,11 @@ TEST(EventDecoder, LayoutThatMovedIsFoundByName) {
        ""}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.properties);
-    LogLines log;
+    LogRecorder log;
     Decoder d(allOn(c.version));
     SyntheticEvent event = buildEventFrom(c.id, c.properties, {.tcp = 1, .port = 41952});
     for (int i = 0; i < 100; ++i) EXPECT_EQ(d.handle(event), "");
-    EXPECT_EQ(log.take(), std::vector<std::string>{c.log});
+    EXPECT_EQ(log.lines(), std::vector<std::string>{c.log});
     EXPECT_EQ(event.informationReads, 1);
     EXPECT_EQ(d.calls, c.endpoints.empty() ? 0 : 100);
     EXPECT_EQ(d.decoder.skippedEvents(), c.endpoints.empty() ? 100u : 0u);
@@ -171,7 +171,7 @@ TEST(EventDecoder, LayoutThatMovedIsFoundByName) {
     event.version = 1;
     d.handle(event);
     EXPECT_EQ(event.informationReads, 2);
-    EXPECT_EQ(log.take().size(), 1u);
+    EXPECT_EQ(log.lines().size(), 2u);
   }
 }
 
@@ -187,36 +187,27 @@ TEST(EventDecoder, MalformedEvents) {
                           // property `index`; else the declaration of property `index`
     std::string message;  // "": decodes
   };
-  const uint32_t kR2 = kWindows2012R2, k16 = kWindows2016, k19 = kWindows2019;
-  const std::string few = "Expected at least ", r2 = " on Windows 2012R2 but got ",
-                    w16 = " on Windows 2016 but got ";
+  const uint32_t kR2 = kWindows2012R2, k19 = kWindows2019;
+  const std::string few = "Expected at least ", r2 = " on Windows 2012R2 but got ";
   const std::string e = "Expected property ";
   const Case cases[] = {
       {256, k19, 0, {kCount, 10}, few + "11 properties for event type 256 but got 10"},
       {257, kR2, 0, {kCount, 16}, ""},
       {257, kR2, 0, {kCount, 15}, few + "16 properties for event type 257" + r2 + "15"},
-      {260, k16, 0, {kCount, 13}, few + "14 properties for event type 260" + w16 + "13"},
       {261, kR2, 0, {kCount, 13}, few + "14 properties for event type 260" + r2 + "13"},
-      {261, k16, 0, {kCount, 14}, few + "15 properties for event type 260 but got 14"},
       {256, k19, 0, {kInTypeUint32, 1}, e + "0 to be a uint8_t but got 8"},
       {256, k19, 0, {kInTypeUint8, 2}, e + "0 to be length 1 but got 2"},
       {256, k19, 1, {kInTypeUnicodeString, 0}, e + "1 to be a unicode string but got 1"},
       {256, k19, 2, {kInTypeAnsiString, 16}, e + "2 to be length 0 but got 16"},
-      {256, k19, 3, {kInTypeUint32, 4}, e + "3 to be a uint8_t but got 8"},
       {256, k19, 4, {kInTypeBinary, 0}, e + "4 to be a unicode string but got 14"},
-      {256, k19, 4, {kInTypeAnsiString, 1}, e + "4 to be length 0 but got 1"},
       {256, k19, 5, {kInTypeUint8, 4}, e + "5 to be a uint32_t but got 4"},
-      {256, k19, 7, {kInTypeUint8, 4}, e + "7 to be a uint32_t but got 4"},
       {256, k19, 9, {kInTypeUint32, 8}, e + "9 to be length 4 but got 8"},
       {256, k19, 10, {kInTypeAnsiString, 0}, e + "10 to be binary data but got 2"},
       // The binary property's declared length is not the message's length: not checked.
       {256, k19, 10, {kInTypeBinary, 9}, ""},
       {257, k19, 13, {kInTypeAnsiString, 0}, e + "13 to be a unicode string but got 2"},
-      {257, k19, 14, {kInTypeUnicodeString, 2}, e + "14 to be length 0 but got 2"},
       {256, k19, 0, {kCut, 0}, few + "1 byte of user data for property 0 but got 0"},
-      {256, k19, 3, {kCut, 0}, few + "1 byte of user data for property 3 but got 0"},
       {256, k19, 5, {kCut, 3}, few + "4 bytes of user data for property 5 but got 3"},
-      {256, k19, 7, {kCut, 3}, few + "4 bytes of user data for property 7 but got 3"},
       {256, k19, 10, {kCut, 2}, few + "3 bytes of user data for property 10 but got 2"},
       // An unterminated address text swallows what follows, so the next property runs out.
       {256, k19, 2, {kCut, 5}, few + "1 byte of user data for property 3 but got 0"}};
@@ -258,22 +249,15 @@ TEST(EventDecoder, AddressesPortsAndProtocol) {
 }
 
 TEST(EventDecoder, SwitchesAndIgnoredEvents) {
-  const std::pair<uint16_t, bool EtwSettings::*> cases[] = {{259, nullptr},
-                                                            {255, nullptr},
-                                                            {262, nullptr},
-                                                            {286, nullptr},
-                                                            {288, nullptr},
-                                                            {291, nullptr},
-                                                            {256, &EtwSettings::clientQuery},
-                                                            {287, &EtwSettings::clientQuery},
-                                                            {257, &EtwSettings::clientResponse},
-                                                            {258, &EtwSettings::clientResponse},
-                                                            {284, &EtwSettings::clientResponse},
-                                                            {285, &EtwSettings::clientResponse},
-                                                            {260, &EtwSettings::resolverQuery},
-                                                            {289, &EtwSettings::resolverQuery},
-                                                            {261, &EtwSettings::resolverResponse},
-                                                            {290, &EtwSettings::resolverResponse}};
+  // clang-format off
+  const std::pair<uint16_t, bool EtwSettings::*> cases[] = {
+      {259, nullptr}, {255, nullptr}, {262, nullptr}, {286, nullptr}, {288, nullptr},
+      {291, nullptr}, {256, &EtwSettings::clientQuery}, {287, &EtwSettings::clientQuery},
+      {257, &EtwSettings::clientResponse}, {258, &EtwSettings::clientResponse},
+      {284, &EtwSettings::clientResponse}, {285, &EtwSettings::clientResponse},
+      {260, &EtwSettings::resolverQuery}, {289, &EtwSettings::resolverQuery},
+      {261, &EtwSettings::resolverResponse}, {290, &EtwSettings::resolverResponse}};
+  // clang-format on
   for (const auto& [id, off] : cases) {
     EtwSettings settings = allOn(kWindows2019);
     if (off != nullptr) settings.*off = false;

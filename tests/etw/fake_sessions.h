@@ -2,9 +2,9 @@
 #pragma once
 
 #include <chrono>
-#include <cstdio>
 #include <deque>
 #include <functional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -44,9 +44,9 @@ class FakeSessions : public TraceSessionApi {
   std::function<void()> requestStop;  // what a stop request from another thread does
 
   uint32_t startSession(const EtwSettings&, uint32_t mode) override {
-    char text[16];
-    std::snprintf(text, sizeof text, "%x", mode);
-    return answer("start/" + std::string(text), starts);
+    std::ostringstream call;
+    call << "start/" << std::hex << mode;
+    return answer(call.str(), starts);
   }
   uint32_t stopSession() override { return answer("stop", stops); }
   uint32_t enableProvider(const EtwSettings&) override { return answer("enable", enables); }
@@ -62,11 +62,8 @@ class FakeSessions : public TraceSessionApi {
   }
   uint32_t processEvents(Handle) override {
     calls += "process ";
-    Processing next = stopped();
-    if (!processing.empty()) {
-      next = processing.front();
-      processing.pop_front();
-    }
+    const Processing next = processing.empty() ? stopped() : processing.front();
+    if (!processing.empty()) processing.pop_front();
     for (const EventRecordView* event : next.events) sink_->onEvent(*event);
     std::this_thread::sleep_for(next.lasting);
     if (next.stop) requestStop();
