@@ -3,7 +3,6 @@
 # every event either delivered or saved in its queue file, in order.
 
 import socket
-import struct
 import time
 
 import collectors
@@ -37,23 +36,6 @@ class SlowCollector(collectors.FrameCollector):
     def _serve(self, conn, limit):
         conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
         super()._serve(_SlowConnection(conn), limit)
-
-
-def queue_file_events(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if data[:4] != b"sslz":
-        raise AssertionError("no queue file magic in %s" % path)
-    events, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        event = data[offset + 5:offset + 5 + length]
-        if len(event) != length or sum(event) % 256 != data[offset + 4]:
-            raise AssertionError("bad queue file record at %d" % offset)
-        events.append(event)
-        offset += 5 + length
-    return events
 
 
 class Delivery(harness.RelayTest):
@@ -98,7 +80,7 @@ class Delivery(harness.RelayTest):
                 self.replay(path)
                 collector.wait_count(500)
                 relay.stop()
-                saved = queue_file_events(relay.path("message.queue"))
+                saved = harness.queue_file_events(relay.path("message.queue"))
                 self.assertGreater(len(saved), 0)
                 harness.wait_until(
                     lambda: len(collector.received()) + len(saved) >=

@@ -10,27 +10,12 @@ import struct
 import threading
 import time
 
-import frames
 import harness
 from relay_sender_faults_test import FstrmClient
 
 COUNT = 40
 STOP_LIMIT = 3.0
 PATIENT = "read-timeout=120 keepalive=0"
-
-
-def queue_file_payloads(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if data[:4] != b"sslz":
-        raise frames.CodecError("%s has no queue file magic" % path)
-    payloads, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        payloads.append(data[offset + 5:offset + 5 + length])
-        offset += 5 + length
-    return payloads
 
 
 class Stop(harness.RelayTest):
@@ -108,7 +93,7 @@ class Stop(harness.RelayTest):
                 started = time.monotonic()
                 relay.stop()
                 self.assertLess(time.monotonic() - started, STOP_LIMIT)
-                self.assertEqual(queue_file_payloads(
+                self.assertEqual(harness.queue_file_events(
                     relay.path("message.queue")), payloads)
             self.stopping.set()
 
