@@ -67,8 +67,8 @@ class CollectorFaults(harness.RelayTest):
         # the recovery modes.)
         count = 60000
         sent = self.generate(count, 13, *START)[1]
-        with collectors.SlowResettingCollector(self.collector_port,
-                                               5000) as collector, \
+        with collectors.FrameCollector(self.collector_port, 5000,
+                                       slow=16384) as collector, \
                 self.agent("recovery=durable") as relay:
             harness.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
                             count, "--seed", 13, *START)

@@ -16,28 +16,6 @@ BOUND = 0.1
 HARD_BOUND = 1.0
 
 
-class _SlowConnection:
-    # A collector's connection that takes a few kilobytes at a time, so the
-    # forwarder falls behind and the queue fills up.
-
-    def __init__(self, conn):
-        self.conn = conn
-
-    def recv(self, size):
-        time.sleep(0.002)
-        return self.conn.recv(min(size, 4096))
-
-    def __getattr__(self, name):
-        return getattr(self.conn, name)
-
-
-class SlowCollector(collectors.FrameCollector):
-
-    def _serve(self, conn, limit):
-        conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
-        super()._serve(_SlowConnection(conn), limit)
-
-
 class Delivery(harness.RelayTest):
 
     def setUp(self):
@@ -71,7 +49,8 @@ class Delivery(harness.RelayTest):
 
     def test_stop_during_a_burst_keeps_every_event(self):
         path, payloads = self.generate(20000, 52)
-        with SlowCollector(self.collector_port) as collector:
+        with collectors.FrameCollector(self.collector_port,
+                                       slow=4096) as collector:
             relay = self.agent((harness.LOOPBACK, self.collector_port),
                                "batch-size=50 send-buffer-size=16384")
             with relay:

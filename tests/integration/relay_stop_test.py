@@ -31,15 +31,14 @@ class Stop(harness.RelayTest):
             "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
             "/CN=localhost", "-keyout", os.path.join(store, "server.key"),
             "-out", os.path.join(store, "server.pem")])
-        self.relay = harness.Agent([
-            "listener ipv4 %s %d %s" % (harness.LOOPBACK, self.port, PATIENT),
+        self.relay = self.agent(
+            (harness.LOOPBACK, self.collector_port),
+            "read-timeout=120 write-timeout=120",
             "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
             "tls-certificate-subject=CN=localhost" % (
                 harness.LOOPBACK, self.tls_port, PATIENT, store),
-            "forwarder ipv4 %s %d read-timeout=120 write-timeout=120" % (
-                harness.LOOPBACK, self.collector_port),
-            "message-format dnstap", "metrics-interval 1"],
-            [self.port, self.tls_port])
+            listener=PATIENT)
+        self.relay.ready_on.append(self.tls_port)
         self.stopping = threading.Event()
         self.addCleanup(self.stopping.set)
 
