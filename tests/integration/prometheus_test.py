@@ -1,6 +1,6 @@
 # The metrics endpoint seen by the monitoring server's own programs: a real
-# server scraping every second during a relay, a scrape checked by promtool, and
-# /health following a collector that stops and starts.
+# server scraping every second during a relay, a scrape checked by promtool,
+# and /health following a collector that stops and starts.
 
 import json
 import time
