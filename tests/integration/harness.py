@@ -6,6 +6,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
@@ -171,6 +172,23 @@ def send_file(tool, path, target):
     else:
         where = ["-U", target] if unix else ["-T", "%s:%d" % target]
     run_tool([tool, "-r", path] + where)
+
+
+def queue_file_events(path):
+    """The events of a queue file: magic, then length, checksum, bytes."""
+    with open(path, "rb") as handle:
+        data = handle.read()
+    if data[:4] != b"sslz":
+        raise frames.CodecError("%s has no queue file magic" % path)
+    events, offset = [], 4
+    while offset < len(data):
+        length = struct.unpack_from(">I", data, offset)[0]
+        event = data[offset + 5:offset + 5 + length]
+        if len(event) != length or sum(event) % 256 != data[offset + 4]:
+            raise frames.CodecError("bad queue file record at %d" % offset)
+        events.append(event)
+        offset += 5 + length
+    return events
 
 
 def parse_metrics(line):

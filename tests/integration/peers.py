@@ -20,6 +20,10 @@ ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
 class _TcpPeer(Peer):
     """A peer listening on a fresh loopback port, ready once it listens."""
 
+    def write_zone(self):
+        return self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
+                          "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
+
     def spawn_listening(self, argv):
         self.spawn(argv, lambda: listening(self.port),
                    "%s listening on %d" % (self.name, self.port))
@@ -78,8 +82,7 @@ class KnotServer(_TcpPeer):
         self.dnstap_unix = dnstap_unix
 
     def start(self):
-        self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE + "".join(
-            "%s %s %s\n" % record for record in ZONE_RECORDS))
+        zone = self.write_zone()
         config = self.write("knot.conf", f"""server:
     rundir: "{self.workdir}"
     listen: {LOOPBACK}@{self.port}
@@ -100,7 +103,7 @@ template:
     global-module: mod-dnstap/tap
 zone:
   - domain: {ZONE}
-    file: "{self.path('zone.db')}"
+    file: "{zone}"
 """)
         # The zone loads in the background; its log line is the signal, as a
         # probe query would show up in the dnstap stream.
@@ -121,8 +124,7 @@ class BindServer(_TcpPeer):
         self.dnstap_unix = dnstap_unix
 
     def start(self):
-        self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE + "".join(
-            "%s %s %s\n" % record for record in ZONE_RECORDS))
+        zone = self.write_zone()
         config = self.write("named.conf", f"""options {{
     directory "{self.workdir}";
     pid-file "{self.path('named.pid')}";
@@ -134,7 +136,7 @@ class BindServer(_TcpPeer):
     dnstap-output unix "{self.dnstap_unix}";
     dnstap-identity "named-peer";
 }};
-zone "{ZONE}" {{ type primary; file "{self.path('zone.db')}"; }};
+zone "{ZONE}" {{ type primary; file "{zone}"; }};
 """)
         # -g: foreground with the log on stderr; the zone loads before the
         # server answers, and "running" follows both.

@@ -2,7 +2,8 @@
 # authoritative traffic to the agent's Unix socket while dig asks with and
 # without recursion desired. Its authoritative responses carry query_zone, and
 # a frame built here carries the newer policy and http_protocol fields: each
-# record must come out as JSON, and be relayed as dnstap unchanged. Needs root.
+# record must be relayed as dnstap unchanged, and come out as JSON when the
+# relayed file is sent again. Needs root.
 
 import json
 import os
@@ -63,23 +64,31 @@ class Authoritative(harness.RelayTest):
                          frames.data_frame(NEWER_FRAME) +
                          frames.control_frame(frames.FSTRM_STOP))
 
-    def ask(self, agent):
-        # Every query through named, then the built frame over TCP; returns
-        # dig's answers once the agent counts every record as sent.
-        with peers.BindServer(self.socket_path) as named:
-            answers = [peers.dig(named.port, name, qtype, tcp, recurse)
-                       for name, qtype, tcp, recurse in ASKED]
-            agent.wait_sent(2 * len(ASKED))
-            self.replay(self.newer)
-            agent.wait_sent(2 * len(ASKED) + 1)
+    def test_records_relayed_unchanged_and_as_json(self):
+        relayed = os.path.join(self.directory, "relayed.fstrm")
+        with peers.FstrmCapture(relayed) as capture:
+            with self.agent(capture.address, "",
+                            unix=self.socket_path) as agent, \
+                    peers.BindServer(self.socket_path) as named:
+                answers = [peers.dig(named.port, name, qtype, tcp, recurse)
+                           for name, qtype, tcp, recurse in ASKED]
+                agent.wait_sent(2 * len(ASKED))
+                self.replay(self.newer)
+                agent.wait_sent(2 * len(ASKED) + 1)
         self.assertEqual([answer[1:] for answer in answers],
                          [row[2:] for row in QUERIES] * 4)
-        return answers
+        self.assertEqual(capture.payloads[-1], NEWER_FRAME)
+        records = peers.dnstap_objects(relayed)[:-1]
+        zones = [record["message"].get("query_zone") for record in records
+                 if record["message"]["type"] == "AUTH_RESPONSE"]
+        self.assertEqual(zones, ["example.test."] * (len(ASKED) // 2))
+        self.assertEqual(len(records), 2 * len(ASKED))
 
-    def test_every_record_as_json(self):
+        # The same records, sent again, as JSON lines.
         with self.agent((harness.LOOPBACK, 9), "", "message-format json",
-                        unix=self.socket_path, command="run-stdout") as agent:
-            answers = self.ask(agent)
+                        command="run-stdout") as agent:
+            self.replay(relayed)
+            agent.wait_sent(2 * len(ASKED) + 1)
             records = [json.loads(line) for line in agent.log().splitlines()
                        if line.startswith('{"timestamp"')]
         expected = [(side, kind, ("udp", "tcp")[tcp], ident, recurse) + result
@@ -99,19 +108,6 @@ class Authoritative(harness.RelayTest):
                        ((data["rcode"], len(data["answers"]))
                         if kind[1] == "response" else ()))
         self.assertCountEqual(got, expected)
-
-    def test_relayed_unchanged(self):
-        relayed = os.path.join(self.directory, "relayed.fstrm")
-        with peers.FstrmCapture(relayed) as capture:
-            with self.agent(capture.address, "",
-                            unix=self.socket_path) as agent:
-                self.ask(agent)
-        self.assertEqual(capture.payloads[-1], NEWER_FRAME)
-        records = peers.dnstap_objects(relayed)[:-1]
-        zones = [record["message"].get("query_zone") for record in records
-                 if record["message"]["type"] == "AUTH_RESPONSE"]
-        self.assertEqual(zones, ["example.test."] * (len(ASKED) // 2))
-        self.assertEqual(len(records), 2 * len(ASKED))
 
 
 if __name__ == "__main__":

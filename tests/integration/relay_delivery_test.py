@@ -3,7 +3,6 @@
 # every event either delivered or saved in its queue file, in order.
 
 import socket
-import struct
 import time
 
 import collectors
@@ -15,45 +14,6 @@ ROUNDS = 200
 # then, a lost wake-up would miss it every time it happens.
 BOUND = 0.1
 HARD_BOUND = 1.0
-
-
-class _SlowConnection:
-    # A collector's connection that takes a few kilobytes at a time, so the
-    # forwarder falls behind and the queue fills up.
-
-    def __init__(self, conn):
-        self.conn = conn
-
-    def recv(self, size):
-        time.sleep(0.002)
-        return self.conn.recv(min(size, 4096))
-
-    def __getattr__(self, name):
-        return getattr(self.conn, name)
-
-
-class SlowCollector(collectors.FrameCollector):
-
-    def _serve(self, conn, limit):
-        conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 16384)
-        super()._serve(_SlowConnection(conn), limit)
-
-
-def queue_file_events(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if data[:4] != b"sslz":
-        raise AssertionError("no queue file magic in %s" % path)
-    events, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        event = data[offset + 5:offset + 5 + length]
-        if len(event) != length or sum(event) % 256 != data[offset + 4]:
-            raise AssertionError("bad queue file record at %d" % offset)
-        events.append(event)
-        offset += 5 + length
-    return events
 
 
 class Delivery(harness.RelayTest):
@@ -89,7 +49,8 @@ class Delivery(harness.RelayTest):
 
     def test_stop_during_a_burst_keeps_every_event(self):
         path, payloads = self.generate(20000, 52)
-        with SlowCollector(self.collector_port) as collector:
+        with collectors.FrameCollector(self.collector_port,
+                                       slow=4096) as collector:
             relay = self.agent((harness.LOOPBACK, self.collector_port),
                                "batch-size=50 send-buffer-size=16384")
             with relay:
@@ -98,7 +59,7 @@ class Delivery(harness.RelayTest):
                 self.replay(path)
                 collector.wait_count(500)
                 relay.stop()
-                saved = queue_file_events(relay.path("message.queue"))
+                saved = harness.queue_file_events(relay.path("message.queue"))
                 self.assertGreater(len(saved), 0)
                 harness.wait_until(
                     lambda: len(collector.received()) + len(saved) >=

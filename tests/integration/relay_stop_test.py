@@ -10,27 +10,12 @@ import struct
 import threading
 import time
 
-import frames
 import harness
 from relay_sender_faults_test import FstrmClient
 
 COUNT = 40
 STOP_LIMIT = 3.0
 PATIENT = "read-timeout=120 keepalive=0"
-
-
-def queue_file_payloads(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if data[:4] != b"sslz":
-        raise frames.CodecError("%s has no queue file magic" % path)
-    payloads, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        payloads.append(data[offset + 5:offset + 5 + length])
-        offset += 5 + length
-    return payloads
 
 
 class Stop(harness.RelayTest):
@@ -46,15 +31,14 @@ class Stop(harness.RelayTest):
             "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
             "/CN=localhost", "-keyout", os.path.join(store, "server.key"),
             "-out", os.path.join(store, "server.pem")])
-        self.relay = harness.Agent([
-            "listener ipv4 %s %d %s" % (harness.LOOPBACK, self.port, PATIENT),
+        self.relay = self.agent(
+            (harness.LOOPBACK, self.collector_port),
+            "read-timeout=120 write-timeout=120",
             "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
             "tls-certificate-subject=CN=localhost" % (
                 harness.LOOPBACK, self.tls_port, PATIENT, store),
-            "forwarder ipv4 %s %d read-timeout=120 write-timeout=120" % (
-                harness.LOOPBACK, self.collector_port),
-            "message-format dnstap", "metrics-interval 1"],
-            [self.port, self.tls_port])
+            listener=PATIENT)
+        self.relay.ready_on.append(self.tls_port)
         self.stopping = threading.Event()
         self.addCleanup(self.stopping.set)
 
@@ -108,7 +92,7 @@ class Stop(harness.RelayTest):
                 started = time.monotonic()
                 relay.stop()
                 self.assertLess(time.monotonic() - started, STOP_LIMIT)
-                self.assertEqual(queue_file_payloads(
+                self.assertEqual(harness.queue_file_events(
                     relay.path("message.queue")), payloads)
             self.stopping.set()
 
