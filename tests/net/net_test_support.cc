@@ -108,17 +108,7 @@ bool LogRecorder::write(log::Level level, const std::string& message) {
   return true;
 }
 
-std::vector<std::string> LogRecorder::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
-bool LogRecorder::contains(const std::string& line) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-}
-
-bool LogRecorder::containsPrefix(const std::string& prefix) const {
+bool LogRecorder::contains(const std::string& prefix) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return std::any_of(lines_.begin(), lines_.end(),
                      [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });

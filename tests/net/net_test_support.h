@@ -52,10 +52,8 @@ class LogRecorder : public log::SystemLog {
   LogRecorder() { log::setSystemLog(this); }
   ~LogRecorder() override { log::setSystemLog(nullptr); }
   bool write(log::Level level, const std::string& message) override;
-  std::vector<std::string> lines() const;
-  bool contains(const std::string& line) const;
   // Whether some line starts with `prefix`.
-  bool containsPrefix(const std::string& prefix) const;
+  bool contains(const std::string& prefix) const;
 
  private:
   mutable std::mutex mutex_;

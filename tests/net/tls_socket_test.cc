@@ -69,14 +69,9 @@ class TlsSocketTest : public ::testing::Test {
   }
 };
 
-TEST_F(TlsSocketTest, WritesBeforeAfterAndWithoutTheHandshake) {
-  LoopbackPair pair;  // disabled, a session passes bytes straight through
-  TlsSocket plain("plain", TlsSettings(), *pair.client), peer("peer", TlsSettings(), *pair.server);
-  plain.handshake();
-  plain.write("q", 1);
+// A disabled session's pass-through is what every Frame Streams test runs on.
+TEST_F(TlsSocketTest, WritesBeforeAndAfterTheHandshake) {
   char byte = 'x';
-  EXPECT_EQ(peer.read(&byte, 1), 1u);
-  EXPECT_EQ(byte, 'q');
   TlsPair session(settings(true, false, "server"), settings(false, true, "client"));
   EXPECT_EQ(errorOf([&] { session.client.write(&byte, 1); }), "TLS handshake not complete");
   EXPECT_EQ(errorOf([&] { session.client.read(&byte, 1); }), "TLS handshake not complete");
