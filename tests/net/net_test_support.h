@@ -6,12 +6,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "base/log.h"
 #include "net/socket.h"
-#include "net/tls_socket.h"
 
 namespace vantrelo::net::testing {
 
@@ -33,17 +31,6 @@ std::string be32(uint32_t value);
 struct LoopbackPair {
   explicit LoopbackPair(const SocketSettings& settings = loopbackSettings());
   std::unique_ptr<Socket> listener, client, server;
-};
-
-// TLS sessions at both ends of one loopback connection, the server's named `serverName`.
-struct TlsPair {
-  TlsPair(const tls::TlsSettings& serverSide, const tls::TlsSettings& clientSide,
-          const std::string& serverName = "server");
-  // Runs both handshakes at once; returns the server's and the client's error texts, each
-  // "(no error)" on success. A side that fails closes its socket, ending the other's wait.
-  std::pair<std::string, std::string> handshake();
-  LoopbackPair pair;
-  tls::TlsSocket server, client;
 };
 
 // Records every log line, prefixed "E ", "W " or "I ", while it is installed.

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <utility>
 
 #include "net_test_support.h"
 
@@ -35,6 +36,26 @@ void makeCertificate(const std::string& name, const std::string& subject, const 
                   : "-CA " + ca + ".pem -CAkey " + ca + ".key -CAcreateserial") +
       " && cat " + name + ".pem " + name + ".key >" + name + "-key.pem");
 }
+
+// TLS sessions at both ends of one loopback connection.
+struct TlsPair {
+  TlsPair(const TlsSettings& serverSide, const TlsSettings& clientSide)
+      : server("server", serverSide, *pair.server), client("client", clientSide, *pair.client) {}
+  // Runs both handshakes at once; returns the server's and the client's error texts. A side
+  // that fails closes its socket, ending the other's wait.
+  std::pair<std::string, std::string> handshake() {
+    std::string serverError;
+    std::thread thread([&] {
+      if ((serverError = errorOf([&] { server.handshake(); })) != kOk) pair.server->close();
+    });
+    const std::string clientError = errorOf([&] { client.handshake(); });
+    if (clientError != kOk) pair.client->close();
+    thread.join();
+    return {serverError, clientError};
+  }
+  LoopbackPair pair;
+  TlsSocket server, client;
+};
 
 class TlsSocketTest : public ::testing::Test {
  protected:
