@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 # Runs the Windows vantrelo.exe under wine as a user would start it from a console, and as a
-# relay fed by a sender on the Linux side.
+# relay fed by a sender on the Linux side whose metrics endpoint a Linux curl scrapes over
+# Winsock (the exposition itself is checked by promtool in the native integration test).
 #
 # usage: windows_process_test.py WINE_PREFIX vantrelo.exe
 #
@@ -152,20 +153,33 @@ def control(kind, content_type=True):
     return struct.pack(">II", 0, len(body)) + body
 
 
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def curl(*args):
+    done = subprocess.run(["curl", "-s", "--max-time", "5"] + list(args),
+                          capture_output=True, text=True, timeout=30)
+    return done.returncode, done.stdout
+
+
 class RelayTest(unittest.TestCase):
     # run-stdout under wine relays what a Linux sender delivers over Frame Streams.
 
-    def test_run_stdout_prints_every_relayed_event(self):
-        with socket.socket() as probe:
-            probe.bind(("127.0.0.1", 0))
-            port = probe.getsockname()[1]
+    def test_run_stdout_prints_every_relayed_event_and_serves_metrics(self):
+        if shutil.which("curl") is None:
+            self.skipTest("curl not installed (scripts/install-test-peers)")
+        port, url = free_port(), "http://127.0.0.1:%d" % free_port()
         with tempfile.TemporaryDirectory() as directory:
             config = os.path.join(directory, "relay.conf")
             with open(config, "w") as f:
                 f.write("listener ipv4 127.0.0.1 %d read-timeout=5\n"
                         "forwarder ipv4 127.0.0.1 5140 batch-size=1\n"
                         "message-format querylog\nmessage-hostname winhost\n"
-                        "metrics-interval 3600\n" % port)
+                        "metrics-interval 3600\nmessage-queue-size 65536\n"
+                        "metrics-listen ipv4 127.0.0.1 %s\n" % (port, url.rsplit(":", 1)[1]))
             agent = wine(["run-stdout", windows_path(config)], stderr=subprocess.STDOUT)
             try:
                 deadline = time.time() + 60
@@ -190,6 +204,9 @@ class RelayTest(unittest.TestCase):
                     line = agent.stdout.readline().decode("utf-8", "replace")
                     if "queries: client" in line:
                         lines.append(line.rstrip("\r\n"))
+                scrape = curl(url + "/metrics")
+                health = curl("-o", "/dev/null", "-w", "%{http_code} %{content_type}",
+                              url + "/health")
             finally:
                 agent.send_signal(signal.SIGINT)
                 try:
@@ -204,6 +221,13 @@ class RelayTest(unittest.TestCase):
                 "queries: client 192.0.2.7#53124: query: host%d.example.com. IN A + "
                 "(192.0.2.53)" % i) + "$")
         self.assertIn("Stopped", rest)
+        self.assertEqual(scrape[0], 0, rest)
+        self.assertIn('vantrelo_build_info{version="2.4.4"} 1\n', scrape[1])
+        self.assertIn("vantrelo_queue_capacity_bytes 65536\n", scrape[1])
+        self.assertIn('vantrelo_forwarder_connected{id="0",type="ipv4",'
+                      'target="127.0.0.1:5140"} 0\n', scrape[1])
+        # Standard-output mode delivers without a connection: healthy.
+        self.assertEqual(health, (0, "200 application/json"))
 
 
 if __name__ == "__main__":

@@ -72,19 +72,6 @@ struct Link {
   FstrmSocket client, server;
 };
 
-TEST(FstrmSocketTest, ControlFramesHaveTheirExactBytes) {
-  Link link;
-  for (uint32_t type : {kControlReady, kControlStart}) link.client.writeControl(type, true);
-  for (uint32_t type : {kControlStop, kControlFinish}) link.client.writeControl(type, false);
-  const std::string expected =
-      be32(0) + be32(34) + be32(4) + kField + kStart + kStop + be32(0) + be32(4) + be32(5);
-  std::string received;
-  link.server.readBytes(received, static_cast<uint32_t>(expected.size()));
-  EXPECT_EQ(received, expected);
-  EXPECT_FALSE(link.server.hasBufferedData());
-  EXPECT_EQ(link.pair.server->bytesAvailable(), 0u);
-}
-
 TEST(FstrmSocketTest, LimitsAndErrors) {
   const std::function<uint32_t(FstrmSocket&)>
       control = [](FstrmSocket&f) { return f.readControl(true, true); },
@@ -178,48 +165,38 @@ TEST(FstrmSocketTest, ReadAheadKeepsTimeOutsAndWaits) {
 #ifndef _WIN32
 // Against independent peers over TCP (the Unix-domain transport is the listener's tests'): the
 // capture tool records what the sender writes, the replay tool sends a file to the receiver.
-class FstrmInteropTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    for (const std::string& payload : payloads_) file_ += be32(uint32_t(payload.size())) + payload;
-    file_ = kStart + file_ + kStop;
+TEST(FstrmInteropTest, CaptureAndReplayToolsAgreeOnTheBytes) {
+  const std::string dir = makeTempDirectory("fstrm");
+  const SocketSettings settings = loopbackSettings(unusedPort());
+  const Frames payloads = samplePayloads();
+  std::string file;  // the payloads as a Frame Streams file
+  for (const std::string& payload : payloads) file += be32(uint32_t(payload.size())) + payload;
+  file = kStart + file + kStop;
+  const auto tool = [&](const std::string& name, const std::string& arguments) {
+    return name + " -t protobuf:dnstap.Dnstap -a 127.0.0.1 -p " + std::to_string(settings.port) +
+           " " + arguments + " >" + dir + "/" + name + ".log 2>&1";
+  };
+  {
+    ChildProcess capture(tool("fstrm_capture", "-w " + dir + "/capture.fstrm"));
+    Socket socket(1, settings);
+    connectWithRetry(socket);
+    tls::TlsSocket tls("capture", tls::TlsSettings(), socket);
+    FstrmSocket fstrm(1, FstrmSettings(), socket, tls);
+    send(fstrm, payloads);  // bidirectional: returns once the tool has answered FINISH
   }
-  void TearDown() override {
-    if (!HasFailure()) std::filesystem::remove_all(dir_);
-  }
-  std::string tool(const std::string& name, const std::string& file) const {
-    return name + " -t protobuf:dnstap.Dnstap -a 127.0.0.1 -p " + std::to_string(settings_.port) +
-           " " + file + " >" + dir_ + "/" + name + ".log 2>&1";
-  }
+  EXPECT_EQ(readFile(dir + "/capture.fstrm"), file) << readFile(dir + "/fstrm_capture.log");
 
-  const std::string dir_ = makeTempDirectory("fstrm");
-  const SocketSettings settings_ = loopbackSettings(unusedPort());
-  const Frames payloads_ = samplePayloads();
-  std::string file_;  // the payloads as a Frame Streams file
-};
-
-TEST_F(FstrmInteropTest, CaptureToolRecordsWhatTheSenderWrites) {
-  ChildProcess capture(tool("fstrm_capture", "-w " + dir_ + "/capture.fstrm"));
-  Socket socket(1, settings_);
-  connectWithRetry(socket);
-  tls::TlsSocket tls("capture", tls::TlsSettings(), socket);
-  FstrmSocket fstrm(1, FstrmSettings(), socket, tls);
-  send(fstrm, payloads_);  // bidirectional: returns once the tool has answered FINISH
-  capture.stop();
-  EXPECT_EQ(readFile(dir_ + "/capture.fstrm"), file_) << readFile(dir_ + "/fstrm_capture.log");
-}
-
-TEST_F(FstrmInteropTest, ReceiverTakesWhatTheReplayToolSends) {
-  std::ofstream(dir_ + "/replay.fstrm", std::ios::binary) << file_;
-  Socket listener(1, settings_);
+  std::ofstream(dir + "/replay.fstrm", std::ios::binary) << file;
+  Socket listener(1, settings);
   listener.listen();
-  ChildProcess replay(tool("fstrm_replay", "-r " + dir_ + "/replay.fstrm"));
+  ChildProcess replay(tool("fstrm_replay", "-r " + dir + "/replay.fstrm"));
   std::unique_ptr<Socket> socket = acceptOne(listener);
   tls::TlsSocket tls("replay", tls::TlsSettings(), *socket);
   FstrmSocket fstrm(2, FstrmSettings(), *socket, tls);
   bool bidirectional = false;
-  EXPECT_EQ(receive(fstrm, bidirectional), payloads_);
-  EXPECT_EQ(replay.waitExit(10), 0) << readFile(dir_ + "/fstrm_replay.log");
+  EXPECT_EQ(receive(fstrm, bidirectional), payloads);
+  EXPECT_EQ(replay.waitExit(10), 0) << readFile(dir + "/fstrm_replay.log");
+  if (!HasFailure()) std::filesystem::remove_all(dir);
 }
 #endif
 

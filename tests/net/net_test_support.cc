@@ -86,21 +86,6 @@ LoopbackPair::LoopbackPair(const SocketSettings& settings) {
   server = acceptOne(*listener);
 }
 
-TlsPair::TlsPair(const tls::TlsSettings& serverSide, const tls::TlsSettings& clientSide,
-                 const std::string& serverName)
-    : server(serverName, serverSide, *pair.server), client("client", clientSide, *pair.client) {}
-
-std::pair<std::string, std::string> TlsPair::handshake() {
-  std::string serverError;
-  std::thread thread([&] {
-    if ((serverError = errorOf([&] { server.handshake(); })) != "(no error)") pair.server->close();
-  });
-  const std::string clientError = errorOf([&] { client.handshake(); });
-  if (clientError != "(no error)") pair.client->close();
-  thread.join();
-  return {serverError, clientError};
-}
-
 bool LogRecorder::write(log::Level level, const std::string& message) {
   static const char* const kPrefixes[] = {"E ", "I ", "W "};  // in the order of log::Level
   std::lock_guard<std::mutex> lock(mutex_);
@@ -108,17 +93,7 @@ bool LogRecorder::write(log::Level level, const std::string& message) {
   return true;
 }
 
-std::vector<std::string> LogRecorder::lines() const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return lines_;
-}
-
-bool LogRecorder::contains(const std::string& line) const {
-  std::lock_guard<std::mutex> lock(mutex_);
-  return std::find(lines_.begin(), lines_.end(), line) != lines_.end();
-}
-
-bool LogRecorder::containsPrefix(const std::string& prefix) const {
+bool LogRecorder::contains(const std::string& prefix) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return std::any_of(lines_.begin(), lines_.end(),
                      [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });

@@ -6,12 +6,10 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "base/log.h"
 #include "net/socket.h"
-#include "net/tls_socket.h"
 
 namespace vantrelo::net::testing {
 
@@ -35,27 +33,14 @@ struct LoopbackPair {
   std::unique_ptr<Socket> listener, client, server;
 };
 
-// TLS sessions at both ends of one loopback connection, the server's named `serverName`.
-struct TlsPair {
-  TlsPair(const tls::TlsSettings& serverSide, const tls::TlsSettings& clientSide,
-          const std::string& serverName = "server");
-  // Runs both handshakes at once; returns the server's and the client's error texts, each
-  // "(no error)" on success. A side that fails closes its socket, ending the other's wait.
-  std::pair<std::string, std::string> handshake();
-  LoopbackPair pair;
-  tls::TlsSocket server, client;
-};
-
 // Records every log line, prefixed "E ", "W " or "I ", while it is installed.
 class LogRecorder : public log::SystemLog {
  public:
   LogRecorder() { log::setSystemLog(this); }
   ~LogRecorder() override { log::setSystemLog(nullptr); }
   bool write(log::Level level, const std::string& message) override;
-  std::vector<std::string> lines() const;
-  bool contains(const std::string& line) const;
   // Whether some line starts with `prefix`.
-  bool containsPrefix(const std::string& prefix) const;
+  bool contains(const std::string& prefix) const;
 
  private:
   mutable std::mutex mutex_;

@@ -63,7 +63,7 @@ TEST(SocketTest, ConnectAndListenOutcomes) {
     EXPECT_EQ(error.rfind(c.error, 0), 0u) << error;
     EXPECT_EQ(error.find("timed out"), std::string::npos);
     EXPECT_TRUE(c.error != "(no error)" || socket.isOpen());
-    EXPECT_TRUE(c.logLine.empty() || log.containsPrefix(c.logLine)) << log.lines().size();
+    EXPECT_TRUE(c.logLine.empty() || log.contains(c.logLine)) << c.logLine;
   }
 }
 

@@ -92,6 +92,16 @@ class TestCertificate {
            CertCompareCertificate(kEncoding, found.get()->pCertInfo, added_->pCertInfo);
   }
 
+  // The SHA-1 thumbprint in upper-case hexadecimal, as the certificate manager shows it.
+  std::string thumbprint() const {
+    BYTE hash[20] = {};
+    DWORD size = sizeof hash;
+    CertGetCertificateContextProperty(added_, CERT_SHA1_HASH_PROP_ID, hash, &size);
+    std::string text;
+    for (BYTE byte : hash) text += {"0123456789ABCDEF"[byte >> 4], "0123456789ABCDEF"[byte & 15]};
+    return text;
+  }
+
   std::string error;
 
  private:
@@ -124,22 +134,31 @@ TEST(SystemCertificateTest, ChoosesAUsableCertificateFromTheNamedStore) {
   EXPECT_TRUE(longest->is(findCertificate("MY", "vantrelo-choice", "")));
   EXPECT_TRUE(longest->is(findCertificate("LocalMachine\\MY", "vantrelo-choice", "")));
   EXPECT_TRUE(own->is(findCertificate("currentuser\\my", "vantrelo-user", "")));
+  // A thumbprint names one certificate, whatever the subject says.
+  EXPECT_TRUE(longest->is(findCertificate("MY", "nothing", longest->thumbprint())));
 
   const struct {
     const char* store;
-    const char* subject;
+    std::string subject;  // a thumbprint when the error names one
     std::string error;
   } refusals[] = {
       {"MY", "vantrelo-user", "Certficate with subject 'vantrelo-user' not found in store MY"},
       {"MY", "vantrelo-keyless",
        "Certficate with subject 'vantrelo-keyless' not found in store MY (1 without a private key "
        "or outside its validity period)"},
+      {"MY", "0g", "Parse certficate thumbprint '0g' failed: Invalid character in hex string"},
+      {"MY", "abc", "Parse certficate thumbprint 'abc' failed: Hex string length"},
+      {"MY", std::string(40, 'a'),
+       "Certficate with thumbprint '" + std::string(40, 'a') + "' not found in store MY"},
       {"vantrelo-no-such-store", "x", "CertOpenStore(vantrelo-no-such-store) failed: "},
       {"CurrentUser\\vantrelo-no-such-store", "x",
        "CertOpenStore(CurrentUser\\vantrelo-no-such-store) failed: "},
   };
   for (const auto& c : refusals) {
-    const std::string error = errorOf([&] { findCertificate(c.store, c.subject, ""); });
+    const bool byThumbprint = c.error.find("thumbprint") != std::string::npos;
+    const std::string error = errorOf([&] {
+      findCertificate(c.store, byThumbprint ? "" : c.subject, byThumbprint ? c.subject : "");
+    });
     EXPECT_EQ(error.rfind(c.error, 0), 0u) << c.store << ": " << error;
   }
   // Nothing was made by looking.
