@@ -99,6 +99,11 @@ bool LogRecorder::contains(const std::string& prefix) const {
                      [&](const std::string& line) { return line.rfind(prefix, 0) == 0; });
 }
 
+std::vector<std::string> LogRecorder::lines() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lines_;
+}
+
 #ifndef _WIN32
 ChildProcess::ChildProcess(const std::string& command) {
   const std::string line = "exec " + command;

@@ -41,6 +41,8 @@ class LogRecorder : public log::SystemLog {
   bool write(log::Level level, const std::string& message) override;
   // Whether some line starts with `prefix`.
   bool contains(const std::string& prefix) const;
+  // A copy of every line so far.
+  std::vector<std::string> lines() const;
 
  private:
   mutable std::mutex mutex_;

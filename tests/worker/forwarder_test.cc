@@ -174,7 +174,7 @@ TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
       while (received.size() < kBatch) received.insert(eventNumberIn(first.next()));
     }
     ASSERT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == kBatch; }));
-    const auto broken = [&] { return log.containsPrefix("E Forwarder[1]: Connection error: "); };
+    const auto broken = [&] { return log.contains("E Forwarder[1]: Connection error: "); };
     for (int round = 0; round < 5 && !broken(); ++round, pushed += kBatch) {
       const uint64_t sent = running.forwarder->eventsSent();
       running.push(pushed, kBatch);
@@ -216,7 +216,7 @@ TEST(ForwarderTest, StopsPromptlyDuringTheReconnectPause) {
   LogRecorder log;
   Running running(5, MessageFormat::kJson, "batch-size=10", stdout, net::testing::unusedPort());
   running.forwarder->start();
-  ASSERT_TRUE(waitUntil([&] { return log.containsPrefix("E Forwarder[5]: Connection error: "); }));
+  ASSERT_TRUE(waitUntil([&] { return log.contains("E Forwarder[5]: Connection error: "); }));
   const auto failed = Clock::now();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   running.stop();
