@@ -10,6 +10,7 @@
 #include "app/settings_reader.h"
 #include "base/log.h"
 #include "event/queue_file.h"
+#include "filter/filter_config.h"
 
 namespace vantrelo::app {
 
@@ -37,6 +38,11 @@ void readSettings(Run& run) {
   config::readQueueSettings(run.config, run.queueOptions);
   config::readForwarderSettings(run.config, standardOutputMode(), run.forwarderSettings);
   config::readListenerSettings(run.config, run.listenerSettings);
+  // Agent-wide, so every listener shares them; read before any worker exists, so a bad filter
+  // key stops the run before anything starts.
+  const auto filters =
+      filter::readFilterSettings([&run](const char* key) { return run.config.lookupAll(key); });
+  for (auto& listener : run.listenerSettings) listener.filter = filters;
   config::readMetricsSettings(run.config, run.metricsSettings);
 }
 

@@ -132,6 +132,13 @@ std::string_view NameTable::find(uint16_t value) const {
   return {};
 }
 
+std::optional<uint16_t> NameTable::value_of(std::string_view text) const {
+  for (size_t i = 0; i < count_; ++i) {
+    if (entries_[i].text == text) return entries_[i].value;
+  }
+  return std::nullopt;
+}
+
 void append_name(std::string& out_text, const NameTable& table, uint16_t value,
                  const char* fallback_prefix) {
   std::string_view text = table.find(value);

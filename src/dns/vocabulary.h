@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -25,6 +26,8 @@ class NameTable {
 
   // The text for `value`, or an empty view when the table does not hold it.
   std::string_view find(uint16_t value) const;
+  // The number whose text is `text` (compared byte for byte), for reading configured names.
+  std::optional<uint16_t> value_of(std::string_view text) const;
   size_t size() const { return count_; }
 
  private:

@@ -114,6 +114,20 @@ const ForwarderCounter kForwarderCounters[] = {
     {"dnstapErrors", &ForwarderMetrics::dnstap_errors},
 };
 
+struct FilterCounter {
+  std::string_view key;
+  bool FilterMetrics::*configured;
+  uint64_t FilterMetrics::*field;
+};
+
+const FilterCounter kFilterCounters[] = {
+    {"droppedByDomain", &FilterMetrics::drop_list, &FilterMetrics::dropped_by_domain},
+    {"droppedByKeep", &FilterMetrics::keep_list, &FilterMetrics::dropped_by_keep},
+    {"droppedByType", &FilterMetrics::drop_types, &FilterMetrics::dropped_by_type},
+    {"sampledOut", &FilterMetrics::sampling, &FilterMetrics::sampled_out},
+    {"droppedUnreadable", &FilterMetrics::privacy, &FilterMetrics::dropped_unreadable},
+};
+
 template <typename Record, typename Field, size_t N>
 void writeCounters(GroupWriter& writer, const Record& record,
                    const Counter<Record, Field> (&counters)[N]) {
@@ -140,6 +154,11 @@ void writeListener(GroupWriter& writer, const ListenerMetrics& listener) {
       writer.number("port", listener.port);
     }
     writeCounters(writer, listener, kSocketListenerCounters);
+  }
+  for (const FilterCounter& counter : kFilterCounters) {
+    if (listener.filter.*counter.configured) {
+      writer.number(counter.key, listener.filter.*counter.field);
+    }
   }
   writer.close();
 }

@@ -35,6 +35,21 @@ struct EtwMetrics {
   uint32_t real_time_buffers_lost = 0;
 };
 
+// The edge filters' counters of one listener. A counter is reported only when its rule is set,
+// so that a configuration without filters gives the report it always gave.
+struct FilterMetrics {
+  bool drop_list = false;
+  bool keep_list = false;
+  bool drop_types = false;
+  bool sampling = false;
+  bool privacy = false;
+  uint64_t dropped_by_domain = 0;
+  uint64_t dropped_by_keep = 0;
+  uint64_t dropped_by_type = 0;
+  uint64_t sampled_out = 0;
+  uint64_t dropped_unreadable = 0;
+};
+
 // One listener; its kind is ETW when is_etw is set, else Unix socket when is_unix is set, else
 // TCP (IPv4 or IPv6).
 struct ListenerMetrics {
@@ -50,6 +65,7 @@ struct ListenerMetrics {
   uint64_t peak_receivers = 0;
   EtwMetrics etw;
   std::vector<ReceiverMetrics> receivers;
+  FilterMetrics filter;
 };
 
 struct QueueMetrics {

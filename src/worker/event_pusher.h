@@ -11,14 +11,17 @@
 
 #include "encoding/dnstap_message.h"
 #include "event/event_queue.h"
+#include "filter/edge_filter.h"
 
 namespace vantrelo::worker {
 
 class EventPusher {
  public:
-  explicit EventPusher(event::queue::EventQueue& queue) : queue_(queue) {}
+  // `filter` (the listener's, borrowed) is null when no filter is configured.
+  explicit EventPusher(event::queue::EventQueue& queue, filter::EdgeFilter* filter = nullptr)
+      : queue_(queue), filter_(filter) {}
 
-  // Encodes and pushes one record.
+  // Encodes and pushes one record, unless a filter drops it.
   void push(encoding::dnstap::DnstapMessage& message);
 
   // The same as an event handler: `self` is the EventPusher.
@@ -28,6 +31,7 @@ class EventPusher {
 
  private:
   event::queue::EventQueue& queue_;
+  filter::EdgeFilter* const filter_;
   std::string encoded_;
 };
 

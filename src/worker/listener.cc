@@ -22,8 +22,14 @@ constexpr uint32_t kAcceptWaitSeconds = 1;
 // than spinning on a socket that stays readable.
 constexpr auto kAcceptRetryPause = std::chrono::seconds(1);
 
-receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings) {
-  return receiver::ReceiverSettings{settings.socket, settings.tls, settings.fstrm};
+receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings,
+                                              filter::EdgeFilter* filter) {
+  return receiver::ReceiverSettings{settings.socket, settings.tls, settings.fstrm, filter};
+}
+
+std::unique_ptr<filter::EdgeFilter> filterOf(const ListenerSettings& settings) {
+  if (!settings.filter) return nullptr;
+  return std::make_unique<filter::EdgeFilter>(settings.filter);
 }
 
 }  // namespace
@@ -31,9 +37,10 @@ receiver::ReceiverSettings receiverSettingsOf(const ListenerSettings& settings) 
 Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue)
     : id_(id),
       settings_(settings),
-      receiverSettings_(receiverSettingsOf(settings)),
+      filter_(filterOf(settings)),
+      receiverSettings_(receiverSettingsOf(settings, filter_.get())),
       queue_(queue),
-      etwPusher_(queue) {
+      etwPusher_(queue, filter_.get()) {
   if (settings_.etw) {
     etwReader_ = std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix());
   } else {
@@ -194,6 +201,20 @@ void Listener::metrics(format::ListenerMetrics& out) {
     out.etw.buffers_written = statistics.buffersWritten;
     out.etw.log_buffers_lost = statistics.logBuffersLost;
     out.etw.real_time_buffers_lost = statistics.realTimeBuffersLost;
+  }
+  if (filter_) {
+    const filter::FilterSettings& rules = filter_->settings();
+    const filter::FilterCounts counts = filter_->counts();
+    out.filter.drop_list = !rules.dropDomains.empty();
+    out.filter.keep_list = rules.keepList;
+    out.filter.drop_types = rules.dropsTypes();
+    out.filter.sampling = rules.samples();
+    out.filter.privacy = rules.hidesClients();
+    out.filter.dropped_by_domain = counts.droppedByDomain;
+    out.filter.dropped_by_keep = counts.droppedByKeep;
+    out.filter.dropped_by_type = counts.droppedByType;
+    out.filter.sampled_out = counts.sampledOut;
+    out.filter.dropped_unreadable = counts.droppedUnreadable;
   }
   out.receivers.clear();
   // The counters change under this lock too: read them with the receiver list they describe.

@@ -58,6 +58,9 @@ class Listener {
   // 0 until the socket listens.
   uint16_t boundPort() const { return boundPort_.load(); }
 
+  // The filters' counters; null when no filter is configured.
+  const filter::EdgeFilter* filter() const { return filter_.get(); }
+
   // Fills one listener record of the metrics report, with a record per running receiver.
   void metrics(format::ListenerMetrics& out);
 
@@ -79,6 +82,9 @@ class Listener {
 
   const uint32_t id_;
   const ListenerSettings settings_;
+  // Built from settings_.filter before the receiver settings, which point to it; null when no
+  // filter is configured.
+  const std::unique_ptr<filter::EdgeFilter> filter_;
   const receiver::ReceiverSettings receiverSettings_;
   event::queue::EventQueue& queue_;
   std::thread thread_;

@@ -1,10 +1,12 @@
 // Settings of one `listener` configuration line and their parser.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "base/error.h"
 #include "etw/etw_settings.h"
+#include "filter/edge_filter.h"
 #include "net/net_settings.h"
 
 namespace vantrelo::worker::listener {
@@ -20,6 +22,8 @@ struct ListenerSettings {
   net::SocketSettings socket;
   net::tls::TlsSettings tls;
   net::fstrm::FstrmSettings fstrm;
+  // The agent-wide filters, shared by every listener; null when none is configured.
+  std::shared_ptr<const filter::FilterSettings> filter;
 };
 
 // Parses one listener value: "<type> [<host> <port> | <path>] name=value...".

@@ -32,11 +32,12 @@ net::tls::TlsSettings serverRole(net::tls::TlsSettings tls) {
 Receiver::Receiver(const ReceiverSettings& settings, FinishedCallback callback, void* context,
                    event::queue::EventQueue& queue, std::unique_ptr<net::Socket> socket)
     : id_(socket->id()),
-      settings_{settings.socket, serverRole(settings.tls), settings.fstrm},
+      settings_{settings.socket, serverRole(settings.tls), settings.fstrm, settings.filter},
       callback_(callback),
       context_(context),
       queue_(queue),
-      socket_(std::move(socket)) {
+      socket_(std::move(socket)),
+      filter_(settings.filter) {
   tls_ = std::make_unique<net::tls::TlsSocket>(id_, settings_.tls, *socket_);
   fstrm_ = std::make_unique<net::fstrm::FstrmSocket>(id_, settings_.fstrm, *socket_, *tls_);
   try {
@@ -118,7 +119,11 @@ void Receiver::processLoop() {
     const uint32_t length = fstrm_->readFrameLength(true);
     if (length == 0) break;
     fstrm_->readBytes(frame_, length);
-    queue_.push(reinterpret_cast<const uint8_t*>(frame_.data()), length);
+    std::string_view event(frame_.data(), length);
+    if (filter_.admit(event)) {
+      queue_.push(reinterpret_cast<const uint8_t*>(event.data()),
+                  static_cast<uint32_t>(event.size()));
+    }
     eventsReceived_.fetch_add(1);
     bytesReceived_.fetch_add(length + kFrameLengthBytes);
   }

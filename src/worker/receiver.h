@@ -2,7 +2,8 @@
 //
 // The receiver identifies the peer, runs the TLS server handshake when the listener has TLS on
 // (TCP peers only), answers the sender's Frame Streams handshake in whichever mode the sender
-// chose, and pushes every data frame's bytes unchanged into the event queue. A connection that
+// chose, and pushes every data frame's bytes unchanged into the event queue (the agent's filters
+// may drop a frame, or re-encode it with the client address hidden). A connection that
 // stays silent for (keepalive + 1) read time-outs is given up. When it ends on its own it calls
 // the listener's finished callback; when the listener asked it to stop it does not.
 //
@@ -20,6 +21,7 @@
 
 #include "base/error.h"
 #include "event/event_queue.h"
+#include "filter/edge_filter.h"
 #include "net/fstrm_socket.h"
 #include "net/net_settings.h"
 #include "net/socket.h"
@@ -40,6 +42,7 @@ struct ReceiverSettings {
   net::SocketSettings socket;
   net::tls::TlsSettings tls;
   net::fstrm::FstrmSettings fstrm;
+  filter::EdgeFilter* filter = nullptr;  // the listener's filters; null when none is set
 };
 
 class Receiver {
@@ -83,6 +86,7 @@ class Receiver {
   net::PeerAddress peer_;
   std::string peerError_;  // why peer() failed at construction; reported by the thread
   std::string frame_;      // the current data frame, reused for the connection's life
+  filter::FrameFilter filter_;
   std::atomic<bool> stopRequested_{false};
   std::atomic<uint64_t> bytesReceived_{0};
   std::atomic<uint64_t> eventsReceived_{0};

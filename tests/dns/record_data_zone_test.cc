@@ -1,6 +1,6 @@
 // Compares the record data texts with those of a standard DNS tool for responses of a real
 // authoritative server. The responses and the tool's texts were captured once by
-// capture_zone.py (see there) and are kept under data/zone/, so the test needs neither tool.
+// tools/capture_zone.py (see there) and are kept under data/zone/, so the test needs neither tool.
 #include <gtest/gtest.h>
 
 #include <algorithm>

@@ -32,7 +32,24 @@ std::vector<Case> cases() {
   // Forwarder: id, is_ipv6, host, port, connected, bytes and events sent, connects, dnstap errors.
   each.forwarders = {{0, false, "127.0.0.1", 514, true, 123456, 1000, 3, 7},
                      {1, true, "2001:db8::5", 514, false, 123456, 1000, 3, 7}};
+  // Filter counters show only for the rules that are set.
+  MetricsSnapshot filtered;
+  FilterMetrics rules = {true, false, true, true, false, 5, 0, 6, 7, 0};
+  filtered.listeners = {{0, true, false, false, "", "", 0, 0, 0, 0, {}, {}, rules},
+                        {1, false, false, false, "", "127.0.0.1", 6000, 0, 0, 0, {}, {}, rules}};
   return {
+      {filtered,
+       "listener[id=0 type=etw numberOfBuffers=0 freeBuffers=0 eventsLost=0 buffersWritten=0 "
+       "logBuffersLost=0 realTimeBuffersLost=0 droppedByDomain=5 droppedByType=6 sampledOut=7] "
+       "listener[id=1 type=ipv4 host=127.0.0.1 port=6000 accepts=0 activeReceivers=0 "
+       "peakReceivers=0 droppedByDomain=5 droppedByType=6 sampledOut=7] "
+       "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0]",
+       R"({"listeners":[{"id":0,"type":"etw","numberOfBuffers":0,"freeBuffers":0,"eventsLost":0,)"
+       R"("buffersWritten":0,"logBuffersLost":0,"realTimeBuffersLost":0,"droppedByDomain":5,)"
+       R"("droppedByType":6,"sampledOut":7},{"id":1,"type":"ipv4","host":"127.0.0.1",)"
+       R"("port":6000,"accepts":0,"activeReceivers":0,"peakReceivers":0,"droppedByDomain":5,)"
+       R"("droppedByType":6,"sampledOut":7}],"receivers":[],"queue":{"eventsProcessed":0,)"
+       R"("eventsQueued":0,"eventsDropped":0},"forwarders":[]})"},
       {{},
        "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0]",
        R"({"listeners":[],"receivers":[],"queue":{"eventsProcessed":0,"eventsQueued":0,)"
@@ -76,11 +93,11 @@ TEST(MetricsReportTest, BothLayouts) {
     testing::jsonLines() << json << "\n";
   }
   // clear() empties every group for the next report.
-  MetricsSnapshot snapshot = std::get<0>(cases()[1]);
+  MetricsSnapshot snapshot = std::get<0>(cases()[2]);
   snapshot.clear();
   std::string kv;
   formatReport(snapshot, false, kv);
-  EXPECT_EQ(kv, std::get<1>(cases()[0]));
+  EXPECT_EQ(kv, std::get<1>(cases()[1]));
 }
 
 }  // namespace

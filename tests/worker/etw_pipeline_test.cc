@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <memory>
 #include <string>
 
 #include "etw/event_decoder.h"
@@ -41,12 +42,13 @@ const std::string kResponse(
 
 // Decodes a client query (256) and its response (257), both over UDP from 198.51.100.7:53000
 // to 192.0.2.53, formats them with `format` and returns what the forwarder printed.
-std::string relayCapturedPair(MessageFormat format) {
+// With `filter` the pusher applies the agent's edge filters.
+std::string relayCapturedPair(MessageFormat format, filter::EdgeFilter* filter = nullptr) {
   etw::EtwSettings etwSettings;
   etwSettings.windowsVersion = etw::kWindows2019;
   etw::EventDecoder decoder(etwSettings, "dns1.example");
   event::queue::EventQueue queue(event::queue::QueueOptions{1 << 16, false, ""});
-  EventPusher pusher(queue);
+  EventPusher pusher(queue, filter);
   decoder.setHandler(&EventPusher::handle, &pusher);
   etw::testing::EventValues values;
   values.time = kTime;
@@ -104,6 +106,16 @@ TEST(EtwPipelineTest, CapturedEventsReachTheCollectorAsExactLines) {
   for (const auto& c : cases) {
     EXPECT_EQ(relayCapturedPair(c.format), c.lines);
   }
+}
+
+TEST(EtwPipelineTest, CapturedClientsAreTruncatedBeforeTheQueue) {
+  auto rules = std::make_shared<filter::FilterSettings>();
+  rules->privacy.mode = filter::AddressMode::kTruncate;
+  filter::EdgeFilter filter(rules);
+  const std::string lines = relayCapturedPair(MessageFormat::kQuerylog, &filter);
+  EXPECT_EQ(lines.find("198.51.100.7"), std::string::npos) << lines;
+  EXPECT_NE(lines.find("queries: client 198.51.100.0#53000: response: "), std::string::npos)
+      << lines;
 }
 
 }  // namespace

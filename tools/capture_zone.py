@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-# Captures the cross-check data under data/zone/ from a real authoritative server.
+# Captures the cross-check data under tests/dns/data/zone/ from a real authoritative server.
 #
 # Starts knotd (Debian package knot) on 127.0.0.1 with data/zone/example.test.zone, sends one
 # query per (name, type) of QUERIES over UDP and stores the raw response as <name>_<TYPE>.bin.
@@ -11,7 +11,7 @@
 # expected.txt as "<file>\t<data>" lines, one per answer record, in answer order. The test
 # record_data_zone_test.cc replays the .bin files and compares its own texts with these.
 #
-# Run from anywhere: python3 tests/dns/capture_zone.py
+# Run from anywhere: python3 tools/capture_zone.py
 import pathlib
 import random
 import shutil
@@ -21,7 +21,7 @@ import subprocess
 import tempfile
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent / "data" / "zone"
+HERE = pathlib.Path(__file__).resolve().parent.parent / "tests" / "dns" / "data" / "zone"
 PORT = 53953
 TYPES = {"A": 1, "NS": 2, "CNAME": 5, "SOA": 6, "PTR": 12, "MX": 15, "TXT": 16, "AFSDB": 18,
          "AAAA": 28, "SRV": 33, "NAPTR": 35, "KX": 36, "CERT": 37, "DNAME": 39, "DS": 43,
