@@ -79,6 +79,9 @@ function Remove-AgentService {
 
 function Stop-TraceSession {
   # The trace session outlives the service; a session that is not running is no error here.
+  # Windows PowerShell turns a native program's error output into a terminating error under
+  # 'Stop', so this one call runs under 'Continue'.
+  $ErrorActionPreference = 'Continue'
   & logman.exe stop $TraceSession -ets 2>&1 | Out-Null
   if ($LASTEXITCODE -eq 0) { Write-Host "Stopped trace session '$TraceSession'" }
 }

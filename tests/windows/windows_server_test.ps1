@@ -59,6 +59,7 @@ function Invoke-Msiexec([string]$Arguments) {
 }
 
 function Test-TraceSession {
+  $ErrorActionPreference = 'Continue'  # logman's error output must not end the script
   & logman.exe query $TraceSession -ets 2>&1 | Out-Null
   return $LASTEXITCODE -eq 0
 }
