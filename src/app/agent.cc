@@ -27,10 +27,12 @@ struct Run {
   std::vector<worker::forwarder::ForwarderSettings> forwarderSettings;
   std::vector<worker::listener::ListenerSettings> listenerSettings;
   format::MetricsSettings metricsSettings;
+  metrics::EndpointSettings endpointSettings;
   std::unique_ptr<event::queue::EventQueue> queue;
   WorkerList forwarders;
   WorkerList listeners;
   std::unique_ptr<Worker> backgroundLogger;
+  std::unique_ptr<Worker> metricsEndpoint;  // reads the workers above, so it goes first
 };
 
 void readSettings(Run& run) {
@@ -44,6 +46,7 @@ void readSettings(Run& run) {
       filter::readFilterSettings([&run](const char* key) { return run.config.lookupAll(key); });
   for (auto& listener : run.listenerSettings) listener.filter = filters;
   config::readMetricsSettings(run.config, run.metricsSettings);
+  config::readEndpointSettings(run.config, run.endpointSettings);
 }
 
 void createWorkers(Run& run, WorkerFactory& factory) {
@@ -59,6 +62,9 @@ void createWorkers(Run& run, WorkerFactory& factory) {
       run.listeners.push_back(std::move(worker));
     }
   }
+  if (run.endpointSettings.enabled) {
+    run.metricsEndpoint = factory.createMetricsEndpoint(run.endpointSettings, *run.queue);
+  }
   run.backgroundLogger = factory.createBackgroundLogger(run.metricsSettings, *run.queue);
 }
 
@@ -66,6 +72,7 @@ void startWorkers(Run& run) {
   for (auto& worker : run.forwarders) worker->start();
   for (auto& worker : run.listeners) worker->start();
   if (run.backgroundLogger) run.backgroundLogger->start();
+  if (run.metricsEndpoint) run.metricsEndpoint->start();
 }
 
 // Sources first, so that nothing new enters the queue while the forwarders drain and stop.
@@ -75,9 +82,11 @@ void stopWorkers(Run& run) {
   // A forwarder waiting for events sleeps in the queue's untimed wait; wake it to see its flag.
   run.queue->wakeAll();
   if (run.backgroundLogger) run.backgroundLogger->requestStop();
+  if (run.metricsEndpoint) run.metricsEndpoint->requestStop();
   for (auto& worker : run.listeners) worker->join();
   for (auto& worker : run.forwarders) worker->join();
   if (run.backgroundLogger) run.backgroundLogger->join();
+  if (run.metricsEndpoint) run.metricsEndpoint->join();
 }
 
 void runSteps(WorkerFactory* factory) {

@@ -8,6 +8,7 @@
 #include "base/error.h"
 #include "base/log.h"
 #include "etw/windows_version.h"
+#include "net/socket_platform.h"
 #include "worker/value_syntax.h"
 
 namespace vantrelo::app::config {
@@ -208,6 +209,26 @@ void readMetricsSettings(const AgentConfig& config, format::MetricsSettings& set
   if (auto text = config.lookup("metrics-format")) {
     settings.format = wordValue(kMetricsFormats, "Invalid", "metrics-format", *text);
   }
+}
+
+void readEndpointSettings(const AgentConfig& config, metrics::EndpointSettings& settings) {
+  const std::optional<std::string> text = config.lookup("metrics-listen");
+  if (!text) return;
+  worker::ValueReader reader(*text);
+  const std::string type = worker::toLower(reader.nextWord());
+  const std::string host = worker::toLower(reader.nextWord());
+  const int32_t port = worker::parseDecimal32(reader.nextWord());
+  const bool ipv6 = type == "ipv6";
+  net::SocketAddress probe;
+  if ((type != "ipv4" && !ipv6) || !net::sys::makeIpAddress(probe, ipv6, host, 0) || port < 1 ||
+      port > 65535 || !reader.nextWord().empty()) {
+    throw invalidValue("metrics-listen", *text);
+  }
+  settings.enabled = true;
+  settings.socket.unix = false;
+  settings.socket.ipv6 = ipv6;
+  settings.socket.host = host;
+  settings.socket.port = static_cast<uint16_t>(port);
 }
 
 }  // namespace vantrelo::app::config

@@ -14,6 +14,7 @@
 #include "event/event_queue.h"
 #include "format/message_settings.h"
 #include "format/metrics_settings.h"
+#include "metrics/metrics_endpoint.h"
 #include "worker/forwarder_settings.h"
 #include "worker/listener_settings.h"
 
@@ -34,5 +35,7 @@ void readEtwSettings(const AgentConfig& config, etw::EtwSettings& settings);
 void readEtwSettings(const AgentConfig& config, uint32_t detectedVersion,
                      etw::EtwSettings& settings);
 void readMetricsSettings(const AgentConfig& config, format::MetricsSettings& settings);
+// `metrics-listen <ipv4|ipv6> <address> <port>`: the endpoint's socket; absent, no endpoint.
+void readEndpointSettings(const AgentConfig& config, metrics::EndpointSettings& settings);
 
 }  // namespace vantrelo::app::config

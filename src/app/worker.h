@@ -14,6 +14,7 @@
 #include "event/event_queue.h"
 #include "format/message_settings.h"
 #include "format/metrics_settings.h"
+#include "metrics/metrics_endpoint.h"
 #include "worker/forwarder_settings.h"
 #include "worker/listener_settings.h"
 
@@ -56,6 +57,11 @@ class WorkerFactory {
                                                  event::queue::EventQueue& queue) = 0;
   virtual std::unique_ptr<Worker> createBackgroundLogger(const format::MetricsSettings& settings,
                                                          event::queue::EventQueue& queue) = 0;
+  // Called before the background logger, only when `metrics-listen` is configured.
+  virtual std::unique_ptr<Worker> createMetricsEndpoint(
+      const metrics::EndpointSettings& /*settings*/, event::queue::EventQueue& /*queue*/) {
+    return nullptr;
+  }
 };
 
 }  // namespace vantrelo::app

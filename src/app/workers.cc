@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "app/entry.h"
+#include "app/metrics_sources.h"
 #include "worker/background_logger.h"
 
 namespace vantrelo::app {
@@ -28,6 +30,7 @@ std::unique_ptr<Worker> AgentWorkers::createForwarder(
     event::queue::EventQueue& queue, const format::MessageSettings& formatter) {
   auto forwarder = std::make_unique<worker::forwarder::Forwarder>(id, settings, queue, formatter);
   forwarders_.push_back(forwarder.get());
+  sources_.push_back(forwarderSource(*forwarder, settings.toStdout));
   return std::make_unique<WorkerOf<worker::forwarder::Forwarder>>(std::move(forwarder));
 }
 
@@ -36,6 +39,7 @@ std::unique_ptr<Worker> AgentWorkers::createListener(
     event::queue::EventQueue& queue) {
   auto listener = std::make_unique<worker::listener::Listener>(id, settings, queue);
   listeners_.push_back(listener.get());
+  sources_.push_back(listenerSource(*listener));
   return std::make_unique<WorkerOf<worker::listener::Listener>>(std::move(listener));
 }
 
@@ -47,8 +51,16 @@ std::unique_ptr<Worker> AgentWorkers::createBackgroundLogger(
   };
   listeners_.clear();
   forwarders_.clear();
+  sources_.clear();
   return std::make_unique<LoggerWorker>(
       std::make_unique<worker::BackgroundLogger>(settings, std::move(collect)));
+}
+
+std::unique_ptr<Worker> AgentWorkers::createMetricsEndpoint(
+    const metrics::EndpointSettings& settings, event::queue::EventQueue& queue) {
+  sources_.insert(sources_.begin(), queueSource(queue));
+  return std::make_unique<WorkerOf<metrics::MetricsEndpoint>>(
+      std::make_unique<metrics::MetricsEndpoint>(settings, kVersion, std::move(sources_)));
 }
 
 void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "app/worker.h"
+#include "metrics/metrics_source.h"
 #include "worker/forwarder.h"
 #include "worker/listener.h"
 
@@ -30,10 +31,14 @@ class AgentWorkers : public WorkerFactory {
   // Hands the workers made so far to the logger; the next run starts with empty lists.
   std::unique_ptr<Worker> createBackgroundLogger(const format::MetricsSettings& settings,
                                                  event::queue::EventQueue& queue) override;
+  // Hands the endpoint a source for the queue and for every worker made so far.
+  std::unique_ptr<Worker> createMetricsEndpoint(const metrics::EndpointSettings& settings,
+                                                event::queue::EventQueue& queue) override;
 
  private:
   std::vector<worker::forwarder::Forwarder*> forwarders_;
   std::vector<worker::listener::Listener*> listeners_;
+  std::vector<std::unique_ptr<metrics::MetricsSource>> sources_;
 };
 
 // Fills `snapshot` from the workers' counters and the queue's.

@@ -85,6 +85,7 @@ void EventQueue::push(const uint8_t* data, uint32_t length) {
   write(header, kLengthBytes);
   write(data, length);
   count_.fetch_add(1);
+  pushed_.fetch_add(1);
   condition_.notify_one();
 }
 
@@ -125,6 +126,18 @@ void EventQueue::snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropp
   queued = count;
   lastCount_.store(count);
   dropped = droppedNow - lastDropped_.exchange(droppedNow);
+}
+
+QueueTotals EventQueue::totals() {
+  QueueTotals totals;
+  totals.pushed = pushed_.load();
+  totals.popped = popped_.load();
+  totals.dropped = dropped_.load();
+  totals.held = count_.load();
+  totals.capacity = options_.size;
+  std::lock_guard<std::mutex> lock(dataMutex_);
+  totals.usedBytes = usedBytes();
+  return totals;
 }
 
 }  // namespace vantrelo::event::queue

@@ -27,6 +27,17 @@ struct QueueOptions {
 inline constexpr uint32_t kMaxEventLength = 16777215;  // what a 3-byte length can say
 inline constexpr uint32_t kLengthBytes = 3;            // per-event overhead in the ring
 
+// Monotonic totals since the queue was made (the metrics endpoint's view; the report's snapshot
+// gives per-interval deltas), and the fill level now.
+struct QueueTotals {
+  uint64_t pushed = 0;  // every push, events returned by a forwarder included
+  uint64_t popped = 0;
+  uint64_t dropped = 0;
+  uint64_t held = 0;  // events in the ring now
+  uint64_t usedBytes = 0;
+  uint64_t capacity = 0;
+};
+
 // The queue owns its ring buffer (freed with the queue) and a copy of its options. Every member
 // function is thread-safe; the ring and its indices are only touched under the data mutex.
 class EventQueue {
@@ -47,6 +58,7 @@ class EventQueue {
   void wakeAll();
   // For the metrics report: events popped and dropped since the last snapshot, events queued now.
   void snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropped);
+  QueueTotals totals();
 
   const QueueOptions& options() const { return options_; }
   uint64_t count() const { return count_.load(); }
@@ -72,6 +84,7 @@ class EventQueue {
   std::mutex dataMutex_;
   std::mutex waitMutex_;
   std::condition_variable condition_;
+  std::atomic<uint64_t> pushed_{0};
   std::atomic<uint64_t> popped_{0};
   std::atomic<uint64_t> count_{0};
   std::atomic<uint64_t> dropped_{0};

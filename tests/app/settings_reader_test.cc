@@ -191,5 +191,40 @@ TEST(SettingsReaderTest, EtwKeys) {
   testing::internal::GetCapturedStdout();
 }
 
+TEST(SettingsReaderTest, MetricsListen) {
+  struct Case {
+    const char* text;
+    const char* result;  // "ipv6,host,port" when accepted, else the error message
+  };
+  const Case cases[] = {
+      {"", "(none)"},
+      {"metrics-listen ipv4 127.0.0.1 9153", "0,127.0.0.1,9153"},
+      {"metrics-listen IPv6 ::1 9153", "1,::1,9153"},
+      {"metrics-listen ipv4 ::1 9153",
+       "Invalid metrics-listen specified in config file: ipv4 ::1 9153"},
+      {"metrics-listen ipv4 localhost 9153",
+       "Invalid metrics-listen specified in config file: ipv4 localhost 9153"},
+      {"metrics-listen unix /run/m.sock",
+       "Invalid metrics-listen specified in config file: unix /run/m.sock"},
+      {"metrics-listen ipv4 127.0.0.1 0",
+       "Invalid metrics-listen specified in config file: ipv4 127.0.0.1 0"},
+      {"metrics-listen ipv4 127.0.0.1 65536",
+       "Invalid metrics-listen specified in config file: ipv4 127.0.0.1 65536"},
+      {"metrics-listen ipv4 127.0.0.1 9153 tls=on",
+       "Invalid metrics-listen specified in config file: ipv4 127.0.0.1 9153 tls=on"},
+  };
+  for (const Case& c : cases) {
+    metrics::EndpointSettings settings;
+    std::string result = errorOf([&] { readEndpointSettings(configOf(c.text), settings); });
+    if (result == "(accepted)") {
+      result = settings.enabled
+                   ? std::to_string(settings.socket.ipv6) + "," + settings.socket.host + "," +
+                         std::to_string(settings.socket.port)
+                   : "(none)";
+    }
+    EXPECT_EQ(result, c.result) << c.text;
+  }
+}
+
 }  // namespace
 }  // namespace vantrelo::app::config
