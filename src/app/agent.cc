@@ -89,7 +89,8 @@ void stopWorkers(Run& run) {
   if (run.metricsEndpoint) run.metricsEndpoint->join();
 }
 
-void runSteps(WorkerFactory* factory) {
+// Returns the failure that ended a running agent, empty after a plain stop request.
+std::string runSteps(WorkerFactory* factory, platform::RunObserver* observer) {
   log::info("Started");
   const std::string path = configPath();
   const std::string directory = configDirectory(path);
@@ -108,12 +109,16 @@ void runSteps(WorkerFactory* factory) {
   if (factory != nullptr) createWorkers(run, *factory);
   if (!standardOutputMode()) event::queue::load(*run.queue);
   startWorkers(run);
+  if (observer != nullptr) observer->running();
 
-  waitForStop();
+  stopSignal().wait();
 
+  if (observer != nullptr) observer->stopping();
   stopWorkers(run);
   if (!standardOutputMode()) event::queue::save(*run.queue);
-  log::info("Stopped");
+  std::string failure = stopSignal().failure();
+  if (failure.empty()) log::info("Stopped");
+  return failure;
 }
 
 }  // namespace
@@ -124,13 +129,19 @@ std::string configDirectory(const std::string& path) {
   return path.substr(0, separator);
 }
 
-void runAgent(WorkerFactory* factory) {
+bool runAgent(WorkerFactory* factory, platform::RunObserver* observer) {
   platform::installSignalHandlers();
+  std::string failure;
   try {
-    runSteps(factory);
-  } catch (const std::exception& failure) {
-    log::error(std::string("Run failed: ") + failure.what());
+    failure = runSteps(factory, observer);
+  } catch (const std::exception& e) {
+    failure = e.what();
   }
+  // The request was for this run; a later run in the same process starts without one.
+  stopSignal().clear();
+  if (failure.empty()) return true;
+  log::error("Run failed: " + failure);
+  return false;
 }
 
 }  // namespace vantrelo::app

@@ -16,6 +16,9 @@ namespace {
 
 constexpr int kExitSuccess = 0;
 constexpr int kExitUsage = 1;
+// A service manager restarts a service that ends with another code than 0 (systemd's
+// Restart=on-failure); the foreground commands keep 0, the failure being in their log.
+constexpr int kExitRunFailed = 1;
 
 constexpr const char* kUsage =
     "usage: vantrelo run <vantrelo.conf>\n"
@@ -27,7 +30,7 @@ constexpr const char* kUsage =
 // The worker factory of this process; the service main reaches it through runWithFactory.
 WorkerFactory* processFactory = nullptr;
 
-void runWithFactory() { runAgent(processFactory); }
+bool runWithFactory(platform::RunObserver& observer) { return runAgent(processFactory, &observer); }
 
 int runForeground(char** argv, bool toStdout) {
   setConfigPath(argv[2]);
@@ -39,8 +42,7 @@ int runForeground(char** argv, bool toStdout) {
 int runService(char** argv) {
   platform::initSystemLog();
   setConfigPath(argv[2]);
-  platform::runService(runWithFactory);
-  return kExitSuccess;
+  return platform::runService(runWithFactory) ? kExitSuccess : kExitRunFailed;
 }
 
 int printSuffixes(char**) {

@@ -3,7 +3,8 @@
 // platform_posix.cc and platform_windows.cc implement the process services (signals, current
 // directory, socket library, host name, process id); system_log_*.cc the system log backend of
 // vantrelo::log; service_*.cc the service control. All functions are called from the agent's own
-// thread; the signal and service-control callbacks they install only call requestStop().
+// thread; the signal, console-control and service-control callbacks they install only call
+// requestStop() and report service status.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +13,8 @@
 
 namespace vantrelo::app::platform {
 
-// Makes SIGINT and SIGTERM (console Ctrl-C and termination) request a stop. Idempotent.
+// Makes the outside world's stop requests call requestStop(): SIGINT and SIGTERM on POSIX; on
+// Windows Ctrl-C, Ctrl-Break and the closing of the console window. Idempotent.
 void installSignalHandlers();
 
 // Makes `directory` the current directory; false on failure (callers ignore it).
@@ -36,9 +38,24 @@ uint32_t processId();
 // console and the log stays on the console.
 void initSystemLog();
 
-// Runs `run` as a service and returns when it has stopped. Where there is no service manager to
-// talk to (a console start, or a system without one) `run` is called in the foreground. Throws
-// vantrelo::error::UnknownError when the service manager cannot be reached for another reason.
-void runService(void (*run)());
+// What the agent run tells the service manager about its progress. Called on the run's thread;
+// a run that fails before it is running calls neither.
+class RunObserver {
+ public:
+  virtual ~RunObserver() = default;
+  // The configuration is read, the queue loaded and every worker started.
+  virtual void running() = 0;
+  // The run has left its wait and is stopping its workers and saving the queue.
+  virtual void stopping() = 0;
+};
+
+// One agent run reporting to `observer`; returns false when the run failed.
+using ServiceRun = bool (*)(RunObserver& observer);
+
+// Runs `run` as a service and returns whether it succeeded once it has stopped. Where there is
+// no service manager to talk to (a console start, or a system without one) `run` is called in
+// the foreground. Throws vantrelo::error::UnknownError when the service manager cannot be
+// reached for another reason.
+bool runService(ServiceRun run);
 
 }  // namespace vantrelo::app::platform

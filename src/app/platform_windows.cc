@@ -2,8 +2,7 @@
 #include <windows.h>
 #include <winsock2.h>
 
-#include <csignal>
-#include <cstdio>
+#include <mutex>
 
 #include "app/platform.h"
 #include "app/process_state.h"
@@ -18,24 +17,32 @@ namespace {
 constexpr size_t kHostNameBufferSize = 256;
 constexpr WORD kWinsockVersion = 0x0202;
 
-// The C runtime resets a handler to the default when its signal fires, so the handler installs
-// itself again first. Console Ctrl-C and Ctrl-Break arrive on a thread the system creates, which
-// may notify the stop condition.
-void consoleSignalHandler(int signal) {
-  std::signal(SIGTERM, consoleSignalHandler);
-  std::signal(SIGINT, consoleSignalHandler);
-  if (signal == SIGINT || signal == SIGTERM) {
-    requestStop();
-    return;
+// Runs on a thread the system creates for each console event. Ctrl-C and Ctrl-Break only ask
+// for the stop. Closing the window ends the process as soon as this handler returns, so it
+// never returns: the main thread stops the workers, saves the queue and ends the process, or
+// the system ends it when its own time for closing runs out. Log-off and shut-down reach only
+// services, whose stop comes from the service control manager; they are left to the default.
+BOOL WINAPI consoleControlHandler(DWORD event) {
+  switch (event) {
+    case CTRL_C_EVENT:
+    case CTRL_BREAK_EVENT:
+      requestStop();
+      return TRUE;
+    case CTRL_CLOSE_EVENT:
+      requestStop();
+      for (;;) Sleep(INFINITE);
+    default:
+      return FALSE;
   }
-  std::fprintf(stderr, "Unhandled signal %d received\n", signal);
 }
 
 }  // namespace
 
+// Windows raises no SIGTERM and delivers Ctrl-C to console handlers, so the console control
+// handler takes every stop request that reaches a console program.
 void installSignalHandlers() {
-  std::signal(SIGTERM, consoleSignalHandler);
-  std::signal(SIGINT, consoleSignalHandler);
+  static std::once_flag installed;
+  std::call_once(installed, [] { SetConsoleCtrlHandler(consoleControlHandler, TRUE); });
 }
 
 bool changeDirectory(const std::string& directory) { return ::_chdir(directory.c_str()) == 0; }

@@ -6,8 +6,6 @@ namespace {
 
 const char* configurationPath = "";
 bool outputMode = false;
-std::mutex stopMutex;
-std::condition_variable stopCondition;
 
 }  // namespace
 
@@ -17,13 +15,10 @@ const char* configPath() { return configurationPath; }
 void setStandardOutputMode(bool enabled) { outputMode = enabled; }
 bool standardOutputMode() { return outputMode; }
 
-void requestStop() { stopCondition.notify_all(); }
-
-void waitForStop() {
-  std::unique_lock<std::mutex> lock(stopMutex);
-  // Deliberately one untimed wait without a predicate: the first notification ends the run and
-  // a request sent before the wait began is not remembered.
-  stopCondition.wait(lock);
+StopSignal& stopSignal() {
+  // Built on first use, so that a signal thread started early never sees it half made.
+  static StopSignal signal;
+  return signal;
 }
 
 }  // namespace vantrelo::app

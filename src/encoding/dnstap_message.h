@@ -57,12 +57,8 @@ class DnstapMessage {
   void clear(bool alsoHeader);
   // Clears the whole record, then parses one serialised Dnstap frame from data[offset..size).
   // Returns the offset where parsing ended. Throws DnstapError; the record is then partly
-  // filled until the next decode or clear. An unknown field inside the Message moves the outer
-  // parse to the skip's result counted within the Message, and the inner parse reads the
-  // skipped value as tags; kept on purpose, so that such frames give the records they always
-  // have.
-  // A frame that would make this parse go round for ever fails with "Decode dnstap failed:
-  // Parsing loops back to offset <n>".
+  // filled until the next decode or clear. Unknown fields, in the frame or inside the Message,
+  // are skipped by their wire type.
   uint32_t decode(const uint8_t* data, uint32_t size, uint32_t offset);
   // Appends the serialised Dnstap frame to `out`.
   void encode(std::string& out);

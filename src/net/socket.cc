@@ -58,9 +58,11 @@ void Socket::applyOptions() {
 
 bool Socket::wait(bool forRead, uint32_t seconds) {
   for (uint32_t pass = 0; pass < seconds; ++pass) {
+    if (stopMode_ == StopMode::kAtOnce && stopRequested()) throw SocketError(kStopRequested);
     int result = sys::waitOnce(handle_, forRead);
     if (result < 0) fail("select");
     if (result > 0) return false;
+    if (stopRequested()) throw SocketError(kStopRequested);
   }
   return true;
 }
@@ -196,10 +198,15 @@ void Socket::send(const void* buffer, size_t size) {
     if (count == 0) throw SocketError("send() failed: socket closed");
     next += count;
     size -= static_cast<size_t>(count);
+    bytesWritten_ += static_cast<uint64_t>(count);
   }
 }
 
 size_t Socket::bytesAvailable() const { return isOpen() ? sys::bytesAvailable(handle_) : 0; }
+
+int64_t Socket::unacknowledgedBytes() const {
+  return isOpen() ? sys::unacknowledgedBytes(handle_, bytesWritten_) : -1;
+}
 
 PeerAddress Socket::peer() const {
   PeerAddress result;
@@ -216,6 +223,7 @@ void Socket::close() {
   if (!isOpen()) return;
   sys::closeSocket(handle_);
   handle_ = sys::kInvalidHandle;
+  bytesWritten_ = 0;
   if (ownsSocketFile_) {
     sys::removeSocketFile(settings_.path);
     ownsSocketFile_ = false;

@@ -11,6 +11,7 @@
 // and removes it on close(). Not thread-safe: one worker thread uses a Socket at a time.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -22,6 +23,14 @@
 namespace vantrelo::net {
 
 NS_DEFINE_ERROR(SocketError);
+
+// The text of the SocketError that a wait throws once its owner has asked to stop.
+inline constexpr char kStopRequested[] = "Stop requested";
+
+// When a stop request ends a socket's waits: kAtOnce at the next wait, whatever the peer does
+// (a receiver, which owes its sender nothing); kWhenBlocked only after a pass that found the
+// socket not ready, so an orderly close with a responsive peer still completes (a forwarder).
+enum class StopMode { kAtOnce, kWhenBlocked };
 
 struct SocketAddress;
 
@@ -41,6 +50,14 @@ class Socket {
   const SocketSettings& settings() const { return settings_; }
   bool isOpen() const;
 
+  // Makes every wait (and so every connect, recv and send, also those of the TLS and Frame
+  // Streams layers above) throw SocketError kStopRequested once *flag is set, within one pass.
+  // The flag is borrowed and must outlive the socket's use; null turns this off.
+  void stopOn(const std::atomic<bool>* flag, StopMode mode) {
+    stop_ = flag;
+    stopMode_ = mode;
+  }
+
   // Opens and connects a client socket; does nothing when already open. A host that is an
   // address literal is tried alone and its failure thrown; a name is resolved and every address
   // of the wanted family is tried in turn, each failure logged as a warning.
@@ -59,6 +76,11 @@ class Socket {
   bool wait(bool forRead, uint32_t seconds);
   // Bytes that can be read without blocking; 0 when closed or when the query fails.
   size_t bytesAvailable() const;
+  // Bytes handed to the system by send() since the socket connected (every layer's: TLS
+  // records, Frame Streams framing), and how many of them the peer has not acknowledged yet;
+  // -1 when the system cannot tell.
+  uint64_t bytesWritten() const { return bytesWritten_; }
+  int64_t unacknowledgedBytes() const;
   PeerAddress peer() const;
   // The local port in host byte order (useful after listening on port 0); 0 for Unix sockets.
   uint16_t localPort() const;
@@ -74,12 +96,16 @@ class Socket {
   void connectAddress(const SocketAddress& address);
   void connectUnix();
   void listenUnix();
+  bool stopRequested() const { return stop_ != nullptr && stop_->load(); }
 
   uint32_t id_;
   SocketSettings settings_;
   uintptr_t handle_;
   uint32_t acceptCount_ = 0;
   bool ownsSocketFile_ = false;
+  uint64_t bytesWritten_ = 0;
+  const std::atomic<bool>* stop_ = nullptr;
+  StopMode stopMode_ = StopMode::kAtOnce;
 };
 
 }  // namespace vantrelo::net

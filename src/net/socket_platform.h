@@ -69,6 +69,9 @@ int waitOnce(uintptr_t handle, bool forRead);
 long recv(uintptr_t handle, void* buffer, size_t size);
 long send(uintptr_t handle, const void* buffer, size_t size);
 size_t bytesAvailable(uintptr_t handle);
+// Of the `written` bytes sent on a connected stream socket since it connected, those that the
+// peer has not acknowledged yet (still queued or in flight); -1 when the system cannot tell.
+int64_t unacknowledgedBytes(uintptr_t handle, uint64_t written);
 
 // Fills the peer address; returns the name of the failed call ("getpeername", "getnameinfo") or
 // nullptr on success, with the error code in `error`.

@@ -10,7 +10,11 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <linux/sockios.h>
+#endif
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -176,6 +180,19 @@ size_t bytesAvailable(uintptr_t handle) {
   int count = 0;
   if (::ioctl(fd(handle), FIONREAD, &count) != 0 || count < 0) return 0;
   return static_cast<size_t>(count);
+}
+
+int64_t unacknowledgedBytes(uintptr_t handle, uint64_t written) {
+#ifdef SIOCOUTQ
+  // The bytes of the send queue: not yet sent, or sent and not yet acknowledged.
+  int queued = 0;
+  if (::ioctl(fd(handle), SIOCOUTQ, &queued) != 0 || queued < 0) return -1;
+  return std::min<int64_t>(queued, static_cast<int64_t>(written));
+#else
+  (void)handle;
+  (void)written;
+  return -1;
+#endif
 }
 
 const char* peer(uintptr_t handle, bool unix, PeerAddress& out, int& error) {

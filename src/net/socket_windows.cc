@@ -5,6 +5,7 @@
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
+#include <algorithm>
 #include <cstring>
 
 #include "base/error.h"
@@ -197,6 +198,52 @@ size_t bytesAvailable(uintptr_t handle) {
   u_long count = 0;
   if (::ioctlsocket(sock(handle), FIONREAD, &count) == SOCKET_ERROR) return 0;
   return static_cast<size_t>(count);
+}
+
+namespace {
+
+// SIO_TCP_INFO and its version 0 answer (Windows 10 1703 and later), as the system headers
+// declare them only for builds that require such a release.
+constexpr DWORD kSioTcpInfo = _WSAIORW(IOC_VENDOR, 39);
+struct TcpInfoV0 {
+  int state;
+  ULONG mss;
+  ULONG64 connectionTimeMs;
+  BOOLEAN timestampsEnabled;
+  ULONG rttUs;
+  ULONG minRttUs;
+  ULONG bytesInFlight;
+  ULONG cwnd;
+  ULONG sndWnd;
+  ULONG rcvWnd;
+  ULONG rcvBuf;
+  ULONG64 bytesOut;
+  ULONG64 bytesIn;
+  ULONG bytesReordered;
+  ULONG bytesRetrans;
+  ULONG fastRetrans;
+  ULONG dupAcksIn;
+  ULONG timeoutEpisodes;
+  UCHAR synRetrans;
+};
+
+}  // namespace
+
+int64_t unacknowledgedBytes(uintptr_t handle, uint64_t written) {
+  DWORD version = 0;
+  TcpInfoV0 info{};
+  DWORD returned = 0;
+  if (::WSAIoctl(sock(handle), kSioTcpInfo, &version, sizeof version, &info, sizeof info, &returned,
+                 nullptr, nullptr) == SOCKET_ERROR ||
+      returned < sizeof info) {
+    return -1;  // older releases do not know the request
+  }
+  // Transmitted minus in flight is what the peer acknowledged; the rest of what was written
+  // still waits in the send buffer or on the wire. Retransmissions are taken off in case the
+  // total counts them: an estimate too low only keeps a batch longer.
+  const uint64_t sent = info.bytesOut - std::min<uint64_t>(info.bytesOut, info.bytesRetrans);
+  const uint64_t acknowledged = sent - std::min<uint64_t>(sent, info.bytesInFlight);
+  return acknowledged >= written ? 0 : static_cast<int64_t>(written - acknowledged);
 }
 
 const char* peer(uintptr_t handle, bool unix, PeerAddress& out, int& error) {

@@ -114,8 +114,9 @@ void TlsSocket::handshake() {
     SSL_CTX_set_options(context, SSL_OP_NO_RENEGOTIATION);
     SSL_CTX_set_mode(context, SSL_MODE_AUTO_RETRY);
 
-    const bool needStore =
-        server || settings_.client_certificate || (settings_.validate && !settings_.store.empty());
+    // A validating client reads its store for the CA certificates it trusts, also when no store
+    // is named: the empty name is the configuration directory, as for every other store use.
+    const bool needStore = server || settings_.client_certificate || settings_.validate;
     std::unique_ptr<CertificateStore> store;
     if (needStore) store = std::make_unique<CertificateStore>(settings_.store);
     const StoreEntry* certificate = nullptr;

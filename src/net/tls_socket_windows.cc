@@ -5,8 +5,13 @@
 #include <windows.h>
 #include <winsock2.h>
 
-// The SSPI headers declare the user-mode interface only with this defined.
+// The SSPI headers declare the user-mode interface only with this defined; schannel.h declares
+// SCH_CREDENTIALS and TLS_PARAMETERS only with the other.
 #define SECURITY_WIN32
+#define SCHANNEL_USE_BLACKLISTS
+// UNICODE_STRING, which those use, comes from here.
+#include <subauth.h>
+// Schannel's credentials and the user-mode SSPI interface.
 #include <schannel.h>
 #include <security.h>
 
@@ -46,12 +51,25 @@ constexpr DWORD kUseDefaultCredentials = SCH_CRED_USE_DEFAULT_CREDS;
 static_assert(kStrongCrypto == 0x00400000 && kAutoValidation == 0x20 && kManualValidation == 0x08 &&
               kNoDefaultCredentials == 0x10 && kUseDefaultCredentials == 0x40);
 
+// Nothing below TLS 1.2, and TLS 1.3 where the system has it. SCH_CREDENTIALS names what to
+// leave out, so everything but 1.2 and 1.3 is disabled; the older SCHANNEL_CRED, for systems
+// that do not know SCH_CREDENTIALS (before Windows Server 2019) and have no TLS 1.3, names
+// what to use.
+constexpr DWORD kDisabledProtocols = ~static_cast<DWORD>(SP_PROT_TLS1_2 | SP_PROT_TLS1_3);
+constexpr DWORD kLegacyServerProtocols = SP_PROT_TLS1_2_SERVER;
+constexpr DWORD kLegacyClientProtocols = SP_PROT_TLS1_2_CLIENT;
+
+// A client that has no certificate to give a server asking for one goes on without it: the
+// server decides whether it needs one.
+constexpr ULONG kClientRequestWithoutCertificate = kClientRequest | ISC_REQ_USE_SUPPLIED_CREDS;
+
 constexpr SECURITY_STATUS kContinueNeeded = SEC_I_CONTINUE_NEEDED;
 constexpr SECURITY_STATUS kIncompleteMessage = SEC_E_INCOMPLETE_MESSAGE;
 constexpr SECURITY_STATUS kContextExpired = SEC_I_CONTEXT_EXPIRED;
 constexpr SECURITY_STATUS kRenegotiate = SEC_I_RENEGOTIATE;
+constexpr SECURITY_STATUS kIncompleteCredentials = SEC_I_INCOMPLETE_CREDENTIALS;
 static_assert(kContinueNeeded == 0x00090312 && kContextExpired == 0x00090317 &&
-              kRenegotiate == 0x00090321);
+              kRenegotiate == 0x00090321 && kIncompleteCredentials == 0x00090320);
 
 std::string statusText(SECURITY_STATUS status) {
   return error::systemErrorText(static_cast<uint32_t>(status));
@@ -80,6 +98,22 @@ void sendToken(Socket& socket, const OutputToken& token) {
   }
 }
 
+// A listener that validates accepts only senders with a certificate that chains to a trusted
+// root and may be used for client authentication. Schannel's mutual authentication only asks
+// for the certificate; a sender may still send none.
+void verifyClientCertificate(CtxtHandle& context) {
+  PCCERT_CONTEXT remote = nullptr;
+  SECURITY_STATUS status =
+      QueryContextAttributesA(&context, SECPKG_ATTR_REMOTE_CERT_CONTEXT, &remote);
+  CertificateContext owned(remote);
+  if (status != SEC_E_OK || remote == nullptr) {
+    throw TlsError(
+        "QueryContextAttributes(SECPKG_ATTR_REMOTE_CERT_CONTEXT) failed: the sender "
+        "sent no certificate");
+  }
+  verifyClientCertificateChain(remote);
+}
+
 }  // namespace
 
 // One TLS session: the credentials and the security context (both owned, freed by reset()),
@@ -94,6 +128,7 @@ struct TlsSocket::Session {
   bool hasContext = false;
   bool complete = false;
   ULONG attributes = 0;
+  ULONG clientRequest = kClientRequest;
   CertificateContext certificate;
   SecPkgContext_StreamSizes sizes{};
   std::vector<uint8_t> input;
@@ -120,6 +155,7 @@ struct TlsSocket::Session {
     hasCredentials = false;
     complete = false;
     attributes = 0;
+    clientRequest = kClientRequest;
     certificate.reset();
     inputLength = 0;
     inputIncomplete = false;
@@ -149,18 +185,16 @@ struct TlsSocket::Session {
 
   void acquireCredentials() {
     const TlsSettings& s = settings();
-    SCHANNEL_CRED data{};
-    data.dwVersion = SCHANNEL_CRED_VERSION;
-    data.dwFlags = kStrongCrypto;
+    DWORD flags = kStrongCrypto;
     bool useCertificate = false;
     if (server()) {
       useCertificate = true;
     } else {
-      data.dwFlags |= s.validate ? kAutoValidation : kManualValidation;
+      flags |= s.validate ? kAutoValidation : kManualValidation;
       if (!s.client_certificate) {
-        data.dwFlags |= kNoDefaultCredentials;
+        flags |= kNoDefaultCredentials;
       } else if (s.client_certificate_auto) {
-        data.dwFlags |= kUseDefaultCredentials;
+        flags |= kUseDefaultCredentials;
       } else {
         useCertificate = true;
       }
@@ -169,16 +203,38 @@ struct TlsSocket::Session {
     if (useCertificate) {
       certificate = findCertificate(s.store, s.subject, s.thumbprint);
       credentialsCertificates[0] = certificate.get();
-      data.cCreds = 1;
-      data.paCred = credentialsCertificates;
     }
+    const DWORD count = useCertificate ? 1 : 0;
+
+    TLS_PARAMETERS parameters{};
+    parameters.grbitDisabledProtocols = kDisabledProtocols;
+    SCH_CREDENTIALS data{};
+    data.dwVersion = SCH_CREDENTIALS_VERSION;
+    data.dwFlags = flags;
+    data.cCreds = count;
+    data.paCred = credentialsCertificates;
+    data.cTlsParameters = 1;
+    data.pTlsParameters = &parameters;
+    if (acquire(&data) == SEC_E_OK) return;
+
+    SCHANNEL_CRED legacy{};
+    legacy.dwVersion = SCHANNEL_CRED_VERSION;
+    legacy.dwFlags = flags;
+    legacy.cCreds = count;
+    legacy.paCred = credentialsCertificates;
+    legacy.grbitEnabledProtocols = server() ? kLegacyServerProtocols : kLegacyClientProtocols;
+    SECURITY_STATUS status = acquire(&legacy);
+    if (status != SEC_E_OK) fail("AcquireCredentialsHandle", status);
+  }
+
+  SECURITY_STATUS acquire(void* data) {
     TimeStamp expiry;
     SECURITY_STATUS status =
         AcquireCredentialsHandleA(nullptr, const_cast<char*>(UNISP_NAME_A),
                                   server() ? SECPKG_CRED_INBOUND : SECPKG_CRED_OUTBOUND, nullptr,
-                                  &data, nullptr, nullptr, &credentials, &expiry);
-    if (status != SEC_E_OK) fail("AcquireCredentialsHandle", status);
-    hasCredentials = true;
+                                  data, nullptr, nullptr, &credentials, &expiry);
+    hasCredentials = status == SEC_E_OK;
+    return status;
   }
 
   // One handshake call of this side's role: with `in` as input (null for the client's first
@@ -193,7 +249,7 @@ struct TlsSocket::Session {
       if (status == SEC_E_OK || status == kContinueNeeded) hasContext = true;
       return status;
     }
-    if (flags == 0) flags = kClientRequest;
+    if (flags == 0) flags = clientRequest;
     const std::string& name = settings().server_name;
     SEC_CHAR* target = name.empty() ? nullptr : const_cast<SEC_CHAR*>(name.c_str());
     SECURITY_STATUS status = InitializeSecurityContextA(
@@ -221,11 +277,24 @@ struct TlsSocket::Session {
     fail(stepCall(), status);
   }
 
+  // A server that asks for a client certificate this client does not have: the same input
+  // goes once more to Schannel, told to go on without one.
+  bool retryWithoutCertificate(SECURITY_STATUS status) {
+    if (server() || status != kIncompleteCredentials || clientRequest != kClientRequest) {
+      return false;
+    }
+    clientRequest = kClientRequestWithoutCertificate;
+    return true;
+  }
+
   // Exchanges handshake messages until Schannel reports the context complete. Bytes that
-  // arrive behind the last handshake message stay in the input for the first decrypt.
-  void handshakeLoop() {
+  // arrive behind the last handshake message stay in the input for the first decrypt. With
+  // `readFirst` false the first call takes the input as it is, even empty: a post-handshake
+  // message has been read already.
+  void handshakeLoop(bool readFirst = true) {
     for (;;) {
-      if (inputLength == 0) receive(kReadChunk);
+      if (inputLength == 0 && readFirst) receive(kReadChunk);
+      readFirst = true;
       SECURITY_STATUS status;
       SecBuffer in[2];
       for (;;) {
@@ -234,6 +303,7 @@ struct TlsSocket::Session {
         SecBufferDesc inDesc{SECBUFFER_VERSION, 2, in};
         OutputToken token;
         status = step(&inDesc, token);
+        if (retryWithoutCertificate(status)) continue;
         finishStep(status, token);
         if (status != kIncompleteMessage) break;
         receive(kReadChunk);
@@ -252,6 +322,7 @@ struct TlsSocket::Session {
       if (status != SEC_E_OK) handshakeLoop();
     } else {
       handshakeLoop();
+      if (settings().validate) verifyClientCertificate(context);
     }
     SECURITY_STATUS status = QueryContextAttributesA(&context, SECPKG_ATTR_STREAM_SIZES, &sizes);
     if (status != SEC_E_OK) fail("QueryContextAttributes", status);
@@ -277,12 +348,7 @@ struct TlsSocket::Session {
       inputIncomplete = true;
     } else if (status == kContextExpired) {
       throw TlsError("DecryptMessage() failed: TLS context expired: " + statusText(status));
-    } else if (status == kRenegotiate) {
-      // The peer sent handshake messages (a renegotiation or TLS 1.3 session tickets): they
-      // are the extra bytes, and the handshake loop answers them on the same context.
-      keepExtra(extra);
-      handshakeLoop();
-    } else if (status == SEC_E_OK) {
+    } else if (status == SEC_E_OK || status == kRenegotiate) {
       if (data != nullptr && data->cbBuffer > 0) {
         if (!hasPlaintext()) {
           plaintext.clear();
@@ -292,6 +358,10 @@ struct TlsSocket::Session {
         plaintext.insert(plaintext.end(), bytes, bytes + data->cbBuffer);
       }
       keepExtra(extra);
+      // The peer sent handshake messages: a renegotiation, or TLS 1.3's post-handshake
+      // messages (session tickets, key updates). Schannel takes them from the extra bytes,
+      // possibly none, before anything more is read from the socket.
+      if (status == kRenegotiate) handshakeLoop(false);
     } else {
       fail("DecryptMessage", status);
     }

@@ -50,9 +50,14 @@ void BackgroundLogger::start() {
 
 void BackgroundLogger::requestStop() {
   if (!thread_.joinable()) return;
-  // Deliberately without the lock: a request that lands between the loop's flag test and the
-  // start of its wait is seen when that wait ends, one report later.
-  stopRequested_ = true;
+  // Set under the wait's mutex: a request that landed between the loop's flag test and the start
+  // of its wait would otherwise be seen only when that wait ends, up to a whole interval (ten
+  // minutes by default) later, and the agent's stop, and the saving of the queue behind it,
+  // would wait that long.
+  {
+    std::lock_guard<std::mutex> lock(waitMutex_);
+    stopRequested_ = true;
+  }
   waitCondition_.notify_all();
 }
 

@@ -33,12 +33,6 @@ ForwarderSettings withClientTls(ForwarderSettings settings) {
 
 }  // namespace
 
-void Batch::clear() {
-  events.clear();
-  lengths.clear();
-  bytes = 0;
-}
-
 Forwarder::Forwarder(uint32_t id, const ForwarderSettings& settings,
                      event::queue::EventQueue& queue,
                      const format::MessageSettings& messageSettings, std::FILE* output)
@@ -49,6 +43,9 @@ Forwarder::Forwarder(uint32_t id, const ForwarderSettings& settings,
       output_(output),
       formatter_(messageSettings),
       socket_(std::make_unique<net::Socket>(id, settings_.socket)) {
+  // A stop ends a wait that finds the collector unresponsive (connect, handshake, a write it
+  // does not read) within a pass, while a collector that keeps up still gets its orderly close.
+  socket_->stopOn(&stopRequested_, net::StopMode::kWhenBlocked);
   resetStreams();
 }
 
@@ -126,7 +123,30 @@ void Forwarder::disconnect() {
   connected_ = false;
   if (dnstap_) fstrm_->close();
   if (settings_.tls.enabled) tls_->shutdown();
+  // After an orderly close the collector normally has it all; what it has not acknowledged
+  // yet is saved with the queue rather than trusted to a socket about to close. A system that
+  // cannot tell leaves it to the orderly close, so that every stop does not repeat a batch.
+  if (settings_.returnPrevious && !sent_.empty()) {
+    const int64_t pending = socket_->unacknowledgedBytes();
+    if (pending <= 0) {
+      sent_.clear();
+    } else {
+      sent_.acknowledge(socket_->bytesWritten(), pending);
+      settleSent(true);
+    }
+  }
   socket_->close();
+}
+
+void Forwarder::settleSent(bool all) {
+  if (!settings_.returnPrevious || sent_.empty()) return;
+  if (!all) {
+    sent_.acknowledge(socket_->bytesWritten(), socket_->unacknowledgedBytes());
+    return;
+  }
+  log::info(prefix() + "Returning " + std::to_string(sent_.count()) +
+            " previous events back to the event queue");
+  sent_.returnTo(queue_);
 }
 
 void Forwarder::sendLoop() {
@@ -135,6 +155,8 @@ void Forwarder::sendLoop() {
       fillBatch();
       if (current().count() == 0) {
         sendBuffer_.clear();
+        // While idle the collector catches up: forget what it has acknowledged by now.
+        if (!settings_.toStdout) settleSent(false);
         waitForEvents();
         continue;
       }
@@ -143,6 +165,9 @@ void Forwarder::sendLoop() {
     Batch& written = current();
     bytesSent_.fetch_add(written.bytes);
     eventsSent_.fetch_add(written.count());
+    if (settings_.returnPrevious && !settings_.toStdout) {
+      sent_.keep(written, socket_->bytesWritten(), socket_->unacknowledgedBytes());
+    }
     currentIndex_ = 1 - currentIndex_;
     current().clear();
     sendBuffer_.clear();
@@ -213,8 +238,15 @@ void Forwarder::handleError(const char* text) {
   connected_ = false;
   if (!settings_.toStdout) socket_->close();
   Batch& before = previous();
-  if (settings_.returnPrevious && before.count() > 0) returnEvents(before, "previous");
-  if (settings_.returnCurrent) returnEvents(current(), "current");
+  // Everything written that the collector's TCP had not acknowledged when last asked; the
+  // socket is not asked again, as a reset connection no longer tells.
+  settleSent(true);
+  if (settings_.returnCurrent) {
+    returnEvents(current(), "current");
+  } else if (stopRequested_ && current().count() > 0) {
+    // The stop cut this batch's write short; it is saved with the queue rather than lost.
+    returnEvents(current(), "current");
+  }
   before.clear();
   current().clear();
   sendBuffer_.clear();

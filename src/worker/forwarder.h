@@ -4,15 +4,15 @@
 // query-log line, a JSON object or a dnstap data frame), and writes the buffer in one write over
 // TCP, inside TLS when configured and inside a Frame Streams stream for dnstap. Events that do
 // not decode or format are skipped and counted as dnstap errors. On a connection error the
-// events of the current batch (and, for the durable recovery, of the previous one, which the
-// collector may not have taken) go back into the queue, and the forwarder reconnects: at once
-// when an established connection broke, else after ten seconds. In standard-output mode it
-// never connects and prints each batch instead.
+// events of the current batch (and, for the durable recovery, of every written batch whose
+// bytes the collector's TCP has not acknowledged) go back into the queue, and the forwarder
+// reconnects: at once when an established connection broke, else after ten seconds. In
+// standard-output mode it never connects and prints each batch instead.
 //
-// Ownership: the Forwarder owns its thread, its socket layers, its formatter, the send buffer
-// and the two batch records; the queue and the message settings are borrowed and outlive it.
-// Thread-safety: start() and join() are called by the owner; stop(), the counters and
-// metrics() may be called from any thread.
+// Ownership: the Forwarder owns its thread, its socket layers, its formatter, the send buffer,
+// the two batch records and the written batches; the queue and the message settings are borrowed
+// and outlive it. Thread-safety: start() and join() are called by the owner; stop(), the counters
+// and metrics() may be called from any thread.
 #pragma once
 
 #include <atomic>
@@ -34,19 +34,9 @@
 #include "net/socket.h"
 #include "net/tls_socket.h"
 #include "worker/forwarder_settings.h"
+#include "worker/sent_batches.h"
 
 namespace vantrelo::worker::forwarder {
-
-// The encoded events of one batch, kept as they came out of the queue so that they can be
-// returned to it, and the size of what was formatted from them. Reused batch after batch.
-struct Batch {
-  std::string events;             // the events back to back
-  std::vector<uint32_t> lengths;  // the length of each, in order
-  uint64_t bytes = 0;             // bytes formatted into the send buffer
-
-  uint32_t count() const { return static_cast<uint32_t>(lengths.size()); }
-  void clear();
-};
 
 class Forwarder {
  public:
@@ -87,6 +77,9 @@ class Forwarder {
   void disconnect();
   void handleError(const char* text);
   void returnEvents(Batch& batch, const char* which);
+  // Durable recovery: drops what the collector's TCP has acknowledged, or (`all`) returns
+  // everything still kept to the queue.
+  void settleSent(bool all);
   // Fresh TLS and Frame Streams state for the next connection: nothing of a broken session or
   // of bytes read ahead on the old connection may leak into the new one.
   void resetStreams();
@@ -109,6 +102,7 @@ class Forwarder {
   std::string sendBuffer_;
   std::string hexBuffer_;  // standard-output mode with dnstap: the batch as one hex line
   Batch batches_[2];
+  SentBatches sent_;  // durable recovery: written, not yet acknowledged
   int currentIndex_ = 0;
   bool established_ = false;
 

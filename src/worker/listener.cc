@@ -62,6 +62,10 @@ void Listener::start() {
 void Listener::stop() {
   stopRequested_ = true;
   if (etwReader_) etwReader_->stop();
+  // Told now rather than after the accept loop's last pass, so that the receivers' own passes
+  // run alongside it and the whole stop stays within about one second.
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto& entry : receivers_) entry.second->stop();
 }
 
 void Listener::join() {

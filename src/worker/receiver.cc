@@ -38,6 +38,9 @@ Receiver::Receiver(const ReceiverSettings& settings, FinishedCallback callback, 
       queue_(queue),
       socket_(std::move(socket)),
       filter_(settings.filter) {
+  // Any wait, also inside a frame, a TLS record or the handshake, ends once a stop is asked:
+  // a trickling or silent sender must not hold the agent's stop up.
+  socket_->stopOn(&stopRequested_, net::StopMode::kAtOnce);
   tls_ = std::make_unique<net::tls::TlsSocket>(id_, settings_.tls, *socket_);
   fstrm_ = std::make_unique<net::fstrm::FstrmSocket>(id_, settings_.fstrm, *socket_, *tls_);
   try {
@@ -67,7 +70,8 @@ void Receiver::run() {
   try {
     processLoop();
   } catch (const std::exception& failure) {
-    log::error(prefix() + kLoopFailed + failure.what());
+    // A stop ends the connection wherever it stands; a partly received frame is dropped.
+    if (!stopRequested_) log::error(prefix() + kLoopFailed + failure.what());
     if (settings_.tls.enabled) tls_->shutdown();
     socket_->close();
   }

@@ -58,7 +58,7 @@ class Receiver {
 
   uint32_t id() const { return id_; }
   void start();
-  // Sets the stop flag; the thread sees it within one second while waiting for data.
+  // Sets the stop flag; the thread sees it within one second wherever it waits on the socket.
   void stop() { stopRequested_ = true; }
   void join();
 

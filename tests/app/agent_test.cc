@@ -2,14 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <string>
-#include <thread>
 
 #include "app/process_state.h"
+#include "base/log.h"
 
 namespace vantrelo::app {
 namespace {
@@ -31,15 +29,19 @@ TEST(AgentTest, ConfigDirectory) {
   for (const Case& c : cases) EXPECT_EQ(configDirectory(c.path), c.directory) << c.path;
 }
 
-// Makes workers that record, in order, every call the agent makes on them. The agent makes
-// and drives every worker on its own thread, so `calls` is read only after it has returned.
-class RecordingFactory : public WorkerFactory {
+// Makes workers that record, in order, every call the agent makes on them, and hears the
+// run's progress. The agent drives every worker on its own thread, so `calls` is read only
+// after it has returned. A listener made with port 7666 reports a run failure when started.
+class RecordingFactory : public WorkerFactory, public platform::RunObserver {
  public:
   class Fake : public Worker {
    public:
     Fake(std::string& calls, std::string name) : calls_(calls), name_(std::move(name)) {}
     ~Fake() override { calls_ += "destroy " + name_ + ", "; }
-    void start() override { calls_ += "start " + name_ + ", "; }
+    void start() override {
+      calls_ += "start " + name_ + ", ";
+      if (name_.ends_with(":7666")) reportRunFailure("capture failed");
+    }
     void requestStop() override { calls_ += "stop " + name_ + ", "; }
     void join() override { calls_ += "join " + name_ + ", "; }
 
@@ -66,48 +68,82 @@ class RecordingFactory : public WorkerFactory {
                                                  event::queue::EventQueue&) override {
     return std::make_unique<Fake>(calls, "bg" + std::to_string(settings.interval));
   }
+  void running() override { calls += "running, "; }
+  void stopping() override { calls += "stopping, "; }
 
   std::string calls;
 };
 
+class Recorder : public log::SystemLog {
+ public:
+  Recorder() { log::setSystemLog(this); }
+  ~Recorder() override { log::setSystemLog(nullptr); }
+  bool write(log::Level, const std::string& message) override {
+    last = message;
+    return true;
+  }
+  std::string last;
+};
+
 // Workers are made in file order, every forwarder writing to standard output in that mode.
 // Listeners stop before forwarders, so that what they took in can still be sent, and the
-// background logger last, so that its final report counts everything.
-TEST(AgentTest, StartsAndStopsWorkersInOrder) {
+// background logger last, so that its final report counts everything. The stop is requested
+// before the run starts: it is kept and ends the run once everything has started. A worker's
+// failure ends the run in the same order, as failed; a configuration failure starts nothing.
+TEST(AgentTest, RunsStopsAndFailsInOrder) {
+  const std::string workers =
+      "start f0:1/stdout, start f1:2/stdout, start l0:7001, start l1:7002, start bg5, ";
+  const std::string stops =
+      "stop l0:7001, stop l1:7002, stop f0:1/stdout, stop f1:2/stdout, stop bg5, "
+      "join l0:7001, join l1:7002, join f0:1/stdout, join f1:2/stdout, join bg5, "
+      "destroy bg5, destroy l0:7001, destroy l1:7002, destroy f0:1/stdout, "
+      "destroy f1:2/stdout, ";
+  const std::string config =
+      "forwarder ipv4 127.0.0.1 1\nlistener ipv4 127.0.0.1 7001\nforwarder ipv4 127.0.0.1 2\n"
+      "listener ipv4 127.0.0.1 7002\nmetrics-interval 5\n";
+  const struct {
+    const char* name;
+    std::string config;
+    bool stopFirst;
+    bool succeeds;
+    std::string calls, lastLine;
+  } cases[] = {
+      {"stop requested early", config, true, true, workers + "running, stopping, " + stops,
+       "Stopped"},
+      {"worker failure", config + "listener ipv4 127.0.0.1 7666\n", false, false,
+       "start f0:1/stdout, start f1:2/stdout, start l0:7001, start l1:7002, start l2:7666, "
+       "start bg5, running, stopping, stop l0:7001, stop l1:7002, stop l2:7666, "
+       "stop f0:1/stdout, stop f1:2/stdout, stop bg5, join l0:7001, join l1:7002, "
+       "join l2:7666, join f0:1/stdout, join f1:2/stdout, join bg5, destroy bg5, "
+       "destroy l0:7001, destroy l1:7002, destroy l2:7666, destroy f0:1/stdout, "
+       "destroy f1:2/stdout, ",
+       "Run failed: capture failed"},
+      {"bad configuration", "metrics-interval 0\n" + config, true, false, "",
+       "Run failed: Invalid metrics-interval specified in config file: 0"},
+  };
   const std::filesystem::path directory =
       std::filesystem::temp_directory_path() /
       ("vantrelo_agent_test_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()));
   std::filesystem::create_directories(directory);
   const std::filesystem::path previous = std::filesystem::current_path();
   const std::string path = (directory / "vantrelo.conf").string();
-  std::ofstream(path, std::ios::binary)
-      << "forwarder ipv4 127.0.0.1 1\nlistener ipv4 127.0.0.1 7001\nforwarder ipv4 127.0.0.1 2\n"
-         "listener ipv4 127.0.0.1 7002\nmetrics-interval 5\n";
   setConfigPath(path.c_str());
   setStandardOutputMode(true);
-  RecordingFactory factory;
-  testing::internal::CaptureStdout();
-  std::atomic<bool> done{false};
-  std::thread agent([&] {
-    runAgent(&factory);
-    done = true;
-  });
-  // A stop requested before the agent waits for it is lost by design, so keep asking.
-  while (!done) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    requestStop();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    std::ofstream(path, std::ios::binary) << c.config;
+    RecordingFactory factory;
+    Recorder log;
+    if (c.stopFirst) requestStop();
+    EXPECT_EQ(runAgent(&factory, &factory), c.succeeds);
+    EXPECT_EQ(factory.calls, c.calls);
+    EXPECT_EQ(log.last, c.lastLine);
+    // Whatever ended the run was for that run only.
+    EXPECT_FALSE(stopSignal().requested());
+    std::filesystem::current_path(previous);
   }
-  agent.join();
-  testing::internal::GetCapturedStdout();
   setStandardOutputMode(false);
-  std::filesystem::current_path(previous);
   std::filesystem::remove_all(directory);
-  EXPECT_EQ(factory.calls,
-            "start f0:1/stdout, start f1:2/stdout, start l0:7001, start l1:7002, start bg5, "
-            "stop l0:7001, stop l1:7002, stop f0:1/stdout, stop f1:2/stdout, stop bg5, "
-            "join l0:7001, join l1:7002, join f0:1/stdout, join f1:2/stdout, join bg5, "
-            "destroy bg5, destroy l0:7001, destroy l1:7002, destroy f0:1/stdout, "
-            "destroy f1:2/stdout, ");
 }
 
 }  // namespace

@@ -23,19 +23,20 @@ def run(args, cwd=None):
 
 
 def run_until_stopped(args, cwd, signum=signal.SIGTERM):
-    # A stop request sent before the agent waits is lost by design, so repeat it.
+    # One signal, sent as soon as the agent has said it started (its stop signals are taken from
+    # then on): a request that comes before the agent waits for it is kept.
     agent = subprocess.Popen([PROGRAM] + args, cwd=cwd, stdout=subprocess.PIPE,
-                             stderr=subprocess.PIPE, text=True)
-    for _ in range(20):
-        time.sleep(0.25)
-        agent.send_signal(signum)
-        try:
-            out, err = agent.communicate(timeout=1)
-            return agent.returncode, out, err
-        except subprocess.TimeoutExpired:
-            continue
-    agent.kill()
-    raise AssertionError("agent did not stop")
+                             stderr=subprocess.PIPE, bufsize=0)
+    first = b""
+    while not first.endswith(b"\n"):  # unbuffered, so that communicate() gets the rest
+        first += agent.stdout.read(1) or b"\n"
+    agent.send_signal(signum)
+    try:
+        out, err = agent.communicate(timeout=30)
+    except subprocess.TimeoutExpired:
+        agent.kill()
+        raise AssertionError("agent did not stop")
+    return agent.returncode, (first + out).decode(), err.decode()
 
 
 class CommandLineTest(unittest.TestCase):
@@ -71,6 +72,9 @@ class AgentRunTest(unittest.TestCase):
             0, "[INFO] Started\n[INFO] Changing directory to %s\n"
             "[INFO] Reading config from %s\n" % (os.path.dirname(self.path), self.path),
             "[ERROR] Run failed: Invalid metrics-interval specified in config file: 0\n"))
+        # The service command logs to syslog and ends with a failure code, so that the service
+        # manager restarts it.
+        self.assertEqual(run(["run-service", self.path]), (1, "", ""))
 
     def test_idle_agent_stops_on_signals(self):
         # run-stdout neither loads nor saves the queue file.

@@ -67,12 +67,14 @@ TEST(DnstapMessageTest, DecodeClearsThenFillsOrFailsWithTheMessage) {
   const std::pair<std::string, std::string> cases[] = {
       {"", "||" + kEmptyText},
       {"\x78\x01", "||" + kEmptyText},
-      // An unknown Message field (query_zone, 11) sends the outer parse to the skip's result,
-      // counted within the Message, while the inner parse reads the skipped value as tags:
-      // 10 02 socket_family, 18 01, 30 b9 60, 38 35, 60 ..., and 72 00 where the outer parse
-      // resumes (offset 18): an empty message field that ends the frame.
-      {b("\x72\x12\x5a\x10\x02\x18\x01\x30\xb9\x60\x38\x35\x60\x8f\x8a\x9b\xaf\x06\x72\x00"),
-       "|||||| 0 2 1 12345 53 0 0 1709622543 0"},
+      // Unknown Message fields of every wire type are stepped over: query_zone (11), policy
+      // (15), http_protocol (16, a two-byte tag), then fixed64 and fixed32 fields 20 and 21.
+      {b("\x72\x2a\x08\x02\x5a\x09\x07"
+         "example"
+         "\x00\x10\x01\x7a\x04\x08\x01\x10\x02"
+         "\x80\x01\x02\xa1\x01\x01\x02\x03\x04\x05\x06\x07\x08\xad\x01\x01\x02\x03\x04"
+         "\x38\x35"),
+       "|||||| 2 1 0 0 53 0 0 0 0"},
       {"\x78\x02", "Expected type field to be 1 but got 2"},
       {b("\x7a\x00"), "Expected type field to use varint type but got 2"},
       {"\x08\x01", "Expected identity field to use bytes type but got 0"},
@@ -94,8 +96,8 @@ TEST(DnstapMessageTest, DecodeClearsThenFillsOrFailsWithTheMessage) {
        "Read variable length encoded uint failed: Offset 2 is out of bounds for data of 2 bytes"},
       {"\x23", "Decode dnstap failed: Unknown top-level field type 3"},
       {"\x72\x01\x5b", "Decode dnstap failed: Unknown top-level field type 3"},
-      // The skip of query_zone sends the outer parse back to the message field for ever.
-      {b("\x0a\x00\x72\x03\x58\x08\x01"), "Decode dnstap failed: Parsing loops back to offset 2"}};
+      {b("\x72\x02\x5a\x05"), "Invalid length 5 for bytes field with only 0 bytes remaining"},
+      {b("\x72\x03\x59\x01\x02"), "Not enough bytes to skip fixed64 field"}};
   for (const auto& [frame, expected] : cases) {
     SCOPED_TRACE(expected);
     DnstapMessage decoded;

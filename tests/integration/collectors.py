@@ -5,6 +5,7 @@
 import socket
 import struct
 import threading
+import time
 
 import frames
 from harness import LOOPBACK, TIMEOUT, free_port, wait_until
@@ -90,3 +91,62 @@ class FrameCollector:
                 if handshake == frames.FSTRM_READY:
                     conn.sendall(frames.control_frame(frames.FSTRM_FINISH))
                 return
+
+
+class SlowResettingCollector(FrameCollector):
+    # A collector slower than the agent (about 8 MB/s) whose first connection
+    # resets after drop_after frames, as one that crashes under load. What its
+    # TCP had taken in and it had not processed is thrown away with the reset:
+    # no sender can know of that loss, so those frames are kept apart in
+    # discarded. Later connections are served at full speed.
+
+    CHUNK, PAUSE = 16384, 0.002
+    discarded = ()
+
+    def _serve(self, conn, limit):
+        if limit is None:
+            return super()._serve(conn, limit)
+        buffer, taken = bytearray(), 0
+        while not self._stopping:
+            frame = frames.take_frame(buffer)
+            if frame is None:
+                try:
+                    chunk = conn.recv(self.CHUNK)
+                except socket.timeout:
+                    continue
+                if not chunk:
+                    return
+                buffer += chunk
+                time.sleep(self.PAUSE)
+            elif frame[0] == "data":
+                with self._lock:
+                    self._received.append(frame[1])
+                taken += 1
+                if taken >= limit:
+                    self._reset(conn, buffer)
+                    return
+            elif frame[0] == frames.FSTRM_READY:
+                self.handshakes.append(frame[0])
+                conn.sendall(frames.control_frame(frames.FSTRM_ACCEPT,
+                                                  frames.CONTENT_TYPE))
+
+    def _reset(self, conn, buffer):
+        # Peeking does not open the receive window, so nothing more arrives.
+        conn.setblocking(False)
+        try:
+            buffer += conn.recv(1 << 24, socket.MSG_PEEK)
+        except OSError:
+            pass
+        self.discarded = [frame[1] for frame in
+                          iter(lambda: frames.take_frame(buffer), None)
+                          if frame[0] == "data"]
+        conn.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                        struct.pack("ii", 1, 0))
+
+    def wait_settled(self, interval=2.0):
+        """The frames once the count has stopped growing for interval."""
+        count = -1
+        while count != len(self.received()):
+            count = len(self.received())
+            time.sleep(interval)
+        return self.received()

@@ -110,6 +110,39 @@ zone:
                    "knotd loading %s" % ZONE)
 
 
+class BindServer(_TcpPeer):
+    # named, authoritative for the zone only (no recursion), sending client
+    # and authoritative queries and responses as dnstap to a Unix socket path.
+    # It reopens the socket when it has failed, so start the collector first.
+
+    name = "named"
+
+    def __init__(self, dnstap_unix):
+        self.dnstap_unix = dnstap_unix
+
+    def start(self):
+        self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE + "".join(
+            "%s %s %s\n" % record for record in ZONE_RECORDS))
+        config = self.write("named.conf", f"""options {{
+    directory "{self.workdir}";
+    pid-file "{self.path('named.pid')}";
+    listen-on port {self.port} {{ {LOOPBACK}; }};
+    listen-on-v6 {{ none; }};
+    recursion no;
+    dnssec-validation no;
+    dnstap {{ client; auth; }};
+    dnstap-output unix "{self.dnstap_unix}";
+    dnstap-identity "named-peer";
+}};
+zone "{ZONE}" {{ type primary; file "{self.path('zone.db')}"; }};
+""")
+        # -g: foreground with the log on stderr; the zone loads before the
+        # server answers, and "running" follows both.
+        self.spawn(["named", "-g", "-n", "1", "-c", config],
+                   lambda: listening(self.port) and "running" in self.log(),
+                   "named running")
+
+
 class FstrmCapture(_TcpPeer):
     # fstrm_capture writing every frame to a file (output, or one of its own),
     # which it completes only when it closes it: stop() ends it with SIGINT and
@@ -178,11 +211,12 @@ input(type="imtcp" address="{LOOPBACK}" port="{self.port}" ruleset="collect")
         return self.read("received.log").splitlines()
 
 
-def dig(port, name, qtype, tcp):
+def dig(port, name, qtype, tcp, recurse=True):
     # One query through dig: (id, status, number of answers).
     out = run_tool(["dig", "@" + LOOPBACK, "-p", port, "+tries=1", "+time=2",
                     "+noall", "+comments", "+answer",
-                    "+tcp" if tcp else "+notcp", name, qtype])
+                    "+tcp" if tcp else "+notcp",
+                    "+recurse" if recurse else "+norecurse", name, qtype])
     status, ident = re.search(
         r"->>HEADER<<- opcode: \w+, status: (\w+), id: (\d+)", out).groups()
     return int(ident), status, sum(

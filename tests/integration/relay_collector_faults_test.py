@@ -76,6 +76,26 @@ class CollectorFaults(harness.RelayTest):
                     # was pending; then nothing is lost either.
                     self.assertEqual(missing, [])
 
+    def test_durable_recovers_a_reset_at_full_speed(self):
+        # At full speed the agent's send buffer holds thousands of events
+        # when a collector slower than it resets: durable sends again every
+        # one its TCP did not acknowledge. (bench/collector_reset.py compares
+        # the recovery modes.)
+        count = 60000
+        sent = self.generate(count, 13, *START)[1]
+        with collectors.SlowResettingCollector(self.collector_port,
+                                               5000) as collector, \
+                self.agent("recovery=durable") as relay:
+            harness.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
+                            count, "--seed", 13, *START)
+            relay.wait_metrics(
+                lambda m: m["forwarder"][0]["connects"] >= 2 and
+                m["queue"][0]["eventsQueued"] == 0, "the stream to drain", 60)
+            # What the collector threw away unprocessed, its TCP had
+            # acknowledged: no sender can know of it.
+            got = set(collector.wait_settled()) | set(collector.discarded)
+        self.assertEqual(sum(1 for p in sent if p not in got), 0)
+
     def test_restart_keeps_queued_events(self):
         path, payloads = self.generate(150, 31)
         with self.agent() as relay:

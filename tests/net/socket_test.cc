@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -125,6 +126,49 @@ TEST(SocketTest, TimeOutsCountWholeSeconds) {
     EXPECT_GE(secondsSince(start), c.minimum) << c.seconds;
     EXPECT_LE(secondsSince(start), c.maximum) << c.seconds;
   }
+}
+
+// A stop request ends a receive on a patient socket: at once, or only once a pass finds
+// nothing to read, so that a peer still answering is heard out.
+TEST(SocketTest, StopRequestEndsWaits) {
+  const struct {
+    StopMode mode;
+    bool dataPending;
+    std::string error;
+  } cases[] = {{StopMode::kAtOnce, true, kStopRequested},
+               {StopMode::kAtOnce, false, kStopRequested},
+               {StopMode::kWhenBlocked, true, "(no error)"},
+               {StopMode::kWhenBlocked, false, kStopRequested}};
+  for (const auto& c : cases) {
+    SocketSettings settings = loopbackSettings();
+    settings.readTimeout = 120;
+    LoopbackPair pair(settings);
+    const std::atomic<bool> stop{true};
+    pair.server->stopOn(&stop, c.mode);
+    char byte = 'x';
+    if (c.dataPending) pair.client->send(&byte, 1);
+    const auto start = Clock::now();
+    EXPECT_EQ(errorOf([&] { pair.server->recv(&byte, 1); }), c.error) << c.dataPending;
+    EXPECT_LE(secondsSince(start), 3.0);
+  }
+}
+
+// The peer's TCP acknowledges what its receive buffer takes, read or not: the count of bytes
+// still unacknowledged falls to 0 without the peer reading. Closing forgets the count.
+TEST(SocketTest, UnacknowledgedBytesFallOnceThePeerTakesThem) {
+  LoopbackPair pair;
+  const std::string data(50000, 'x');
+  pair.client->send(data.data(), data.size());
+  EXPECT_EQ(pair.client->bytesWritten(), data.size());
+  int64_t pending = pair.client->unacknowledgedBytes();
+  if (pending < 0) GTEST_SKIP() << "this system does not tell what its peer acknowledged";
+  EXPECT_LE(pending, static_cast<int64_t>(data.size()));
+  const auto start = Clock::now();
+  while (pending > 0 && secondsSince(start) < 10) pending = pair.client->unacknowledgedBytes();
+  EXPECT_EQ(pending, 0);
+  pair.client->close();
+  EXPECT_EQ(pair.client->bytesWritten(), 0u);
+  EXPECT_EQ(pair.client->unacknowledgedBytes(), -1);
 }
 
 TEST(SocketTest, AcceptDataPeerAddressAndClose) {

@@ -137,12 +137,18 @@ TEST_F(TlsSocketTest, StoreLookupsAndClientCertificates) {
 }
 
 TEST_F(TlsSocketTest, ClientValidatesRealServers) {
+  // A store named relative to the current directory, as the agent runs in the configuration's
+  // directory; no store name at all means that directory too.
+  const std::filesystem::path previous = std::filesystem::current_path();
+  std::filesystem::current_path(dir + "/client");
   const struct {
     std::string certificate, serverName;
     bool validate;
     std::string error;  // part of the message; empty for success
+    std::string store = dir + "/client";
   } cases[] = {
-      {"server-key.pem", "localhost", true, ""},
+      {"server-key.pem", "localhost", true, "", ""},
+      {"server-key.pem", "localhost", true, "", "."},
       {"server-key.pem", "127.0.0.1", true, ""},
       {"server-key.pem", "example.org", true, "hostname mismatch"},
       {"stranger-key.pem", "localhost", true, "unable to get local issuer certificate"},
@@ -158,6 +164,7 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
     Socket socket(1, loopbackSettings(port));
     ASSERT_NO_THROW(connectWithRetry(socket)) << readFile(dir + "/s_server.log");
     TlsSettings clientSide = settings(false, c.validate, "client");
+    clientSide.store = c.store;
     clientSide.server_name = c.serverName;
     TlsSocket tls("client", clientSide, socket);
     const std::string error = errorOf([&] { tls.handshake(); });
@@ -166,6 +173,7 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
     EXPECT_EQ(error.rfind(expected, 0), 0u) << error;
     EXPECT_NE(error.find(c.error), std::string::npos) << error;
   }
+  std::filesystem::current_path(previous);
 }
 
 TEST_F(TlsSocketTest, ServerMeetsARealClientAndItsCloseAlert) {

@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 # usage: tls_windows_peer.py WINE_RUN WINE_PREFIX PROGRAM.exe [ARGS...]
 #
-# Runs the program under wine against two `openssl s_server` on 127.0.0.1 with a throwaway
-# certificate, one in -rev mode and one that logs what it receives, and hands it that
-# certificate as a PKCS #12 file for the server role (see tls_windows_test.cc).
+# Runs the program under wine against three `openssl s_server` on 127.0.0.1 with a throwaway
+# certificate: one in -rev mode, one in -rev mode that asks for an optional client certificate,
+# and one that logs what it receives; and hands it that certificate as a PKCS #12 file for the
+# server role (see tls_windows_test.cc).
 import os
 import socket
 import subprocess
@@ -45,7 +46,8 @@ def main():
                    VANTRELO_TLS_SINK_LOG="Z:" + directory + "/SINK.log")
         servers, code = [], 1
         try:
-            for name, extra in (("PEER", ["-rev"]), ("SINK", [])):
+            for name, extra in (("PEER", ["-rev"]), ("ASK", ["-rev", "-verify", "1"]),
+                                ("SINK", [])):
                 env["VANTRELO_TLS_%s_PORT" % name] = str(free_port())
                 # The test retries its connection while s_server starts; stdin stays open, as
                 # s_server would end at its end.
