@@ -190,13 +190,21 @@ void readEtwSettings(const AgentConfig& config, uint32_t detectedVersion,
   if (auto text = config.lookup("etw-match-all-keyword")) {
     settings.matchAllKeyword = static_cast<uint64_t>(worker::parseDecimal64(*text));
   }
+  if (auto text = config.lookup("etw-independent-session")) {
+    settings.independentSession = wordValue(kOnOff, "Unknown", "etw-independent-session", *text);
+  }
 }
 
 void readListenerSettings(const AgentConfig& config,
                           std::vector<worker::listener::ListenerSettings>& listeners) {
+  bool etwListener = false;
   for (const std::string& text : config.lookupAll("listener")) {
     listeners.push_back(worker::listener::parse(text));
-    if (listeners.back().etw) readEtwSettings(config, listeners.back().etwSettings);
+    if (!listeners.back().etw) continue;
+    // The trace session is one per system: a second listener would take it from the first.
+    if (etwListener) throw UnknownError("Only one etw listener may be configured");
+    etwListener = true;
+    readEtwSettings(config, listeners.back().etwSettings);
   }
 }
 

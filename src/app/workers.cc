@@ -4,6 +4,7 @@
 
 #include "app/entry.h"
 #include "app/metrics_sources.h"
+#include "app/process_state.h"
 #include "worker/background_logger.h"
 
 namespace vantrelo::app {
@@ -38,6 +39,8 @@ std::unique_ptr<Worker> AgentWorkers::createListener(
     uint32_t id, const worker::listener::ListenerSettings& settings,
     event::queue::EventQueue& queue) {
   auto listener = std::make_unique<worker::listener::Listener>(id, settings, queue);
+  // A listener that cannot capture at all ends the run as failed.
+  listener->setFailureHook(&reportRunFailure);
   listeners_.push_back(listener.get());
   sources_.push_back(listenerSource(*listener));
   return std::make_unique<WorkerOf<worker::listener::Listener>>(std::move(listener));

@@ -1,57 +1,62 @@
 // The real-time trace session on the Windows DNS Server's analytic event provider.
 //
-// An EtwReader is owned by one ETW listener. run() starts the session "Morskel Vantrelo" (or
-// re-attaches to it when it already exists), opens it for real-time consumption and blocks in
-// the system's event processing, which calls back for every event on the calling thread; each
-// event is decoded (EventDecoder) and handed to the handler. stop() closes the consumer handle
-// from another thread, which makes run() return. The session itself is left running in the
-// system, so that the next start finds it with its settings.
+// An EtwReader is owned by one ETW listener. run() starts the session "Morskel Vantrelo" with
+// the configured settings, enables the provider in it, opens it for real-time consumption and
+// blocks in the system's event processing, which calls back for every event on the calling
+// thread; each event of the provider is decoded (EventDecoder) and handed to the handler.
 //
-// Thread-safety: run() on one thread; stop(), queryStatistics() and statistics() may be called
-// from any thread. Outside Windows run() and queryStatistics() fail with an EtwError.
+// A session of that name left by an earlier run is stopped and started anew, so the settings
+// in force are always the configured ones (an inherited session may have other buffers, another
+// event filter, or no provider enabled at all). When processing ends without a stop request
+// (someone stopped the session, say) the reader logs it and starts the session again after a
+// back-off of 1 s, doubling up to 60 s. Failures to start (access denied, no free logger) end
+// run() with an EtwError. stop() closes the consumer handle from another thread, which makes
+// run() return; the session is then stopped in the system as well.
+//
+// A failure to decode one event cannot travel through the system's event processing: it is
+// counted and logged, at most one line per kind of failure at a time and a few lines a minute.
+//
+// Thread-safety: run() on one thread; stop(), queryStatistics(), statistics() and the counters
+// may be called from any thread.
 #pragma once
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
-#include <vector>
 
 #include "etw/etw_settings.h"
 #include "etw/event_decoder.h"
 #include "etw/event_record.h"
+#include "etw/trace_session.h"
 
 namespace vantrelo::etw {
 
-inline constexpr char kSessionName[] = "Morskel Vantrelo";
-
-// The session's buffer statistics as the system last reported them.
-struct EtwStatistics {
-  uint32_t numberOfBuffers = 0;
-  uint32_t freeBuffers = 0;
-  uint32_t eventsLost = 0;
-  uint32_t buffersWritten = 0;
-  uint32_t logBuffersLost = 0;
-  uint32_t realTimeBuffersLost = 0;
-};
-
-class EtwReader {
+class EtwReader : private EventSink {
  public:
-  // `logPrefix` starts the log line of an event that fails to decode (e.g. "Listener[0]: ").
-  // Takes the local host name when the identity comes from the event's machine. Throws
-  // EtwError for an unknown Windows version index or when the host name is unavailable.
-  explicit EtwReader(const EtwSettings& settings, std::string logPrefix = {});
-  ~EtwReader();
+  // `logPrefix` starts the reader's log lines (e.g. "Listener[0]: "). `api` makes the session
+  // calls; null means the running system's. `backOffUnit` is what one second of the restart
+  // back-off lasts (tests shorten it). Takes the local host name when the identity comes from
+  // the event's machine. Throws EtwError for an unknown Windows version index or when the host
+  // name is unavailable.
+  explicit EtwReader(const EtwSettings& settings, std::string logPrefix = {},
+                     std::unique_ptr<TraceSessionApi> api = nullptr,
+                     std::chrono::milliseconds backOffUnit = std::chrono::seconds(1));
+  ~EtwReader() override;
 
   EtwReader(const EtwReader&) = delete;
   EtwReader& operator=(const EtwReader&) = delete;
 
-  // Runs the session until stop(); returns when processing has ended normally, throws EtwError
-  // otherwise. `handler` (may be null) is called for every decoded event on this thread.
-  // Returns at once when stop() came first.
+  // Runs the session until stop(); returns after a stop request, throws EtwError when the
+  // session cannot be started. `handler` (may be null) is called for every decoded event on
+  // this thread. Returns at once when stop() came first.
   void run(EventHandler handler, void* context);
 
-  // Ends a run() in progress, or the next one before it starts processing.
+  // Ends a run() in progress (also one waiting to restart the session), or the next one before
+  // it starts.
   void stop();
 
   // Asks the system for the session's statistics and stores them. Throws EtwError.
@@ -60,24 +65,45 @@ class EtwReader {
   // The statistics stored by the last queryStatistics().
   EtwStatistics statistics() const;
 
- private:
-  friend struct EtwCallbacks;
+  // Events whose decoding failed, and events skipped because their kind lacks a property.
+  uint64_t decodeFailures() const { return decodeFailures_.load(); }
+  uint64_t skippedEvents() const { return decoder_.skippedEvents(); }
 
-  // Decodes one event; failures are logged, as the system's processing cannot carry them.
-  void dispatch(const EventRecordView& event) noexcept;
+ private:
+  enum class Ending { kStopRequested, kUnrequested };
+
+  void onEvent(const EventRecordView& event) noexcept override;
   void reportFailure(const char* text) noexcept;
   void storeStatistics(const EtwStatistics& statistics);
+  bool stopRequested();
+  // One start of the session and its processing. Throws EtwError when the session cannot be
+  // started; a session this call started is then stopped again.
+  Ending startAndProcess(uint32_t& status);
+  Ending openAndProcess(uint32_t& status);
+  // Stops the session in the system; a failure is logged.
+  void stopSession();
+  // Waits `seconds` back-off units; false when a stop request ended the wait.
+  bool waitBeforeRestart(uint32_t seconds);
 
   static constexpr uint64_t kNoHandle = ~uint64_t{0};
 
   EtwSettings settings_;
   std::string logPrefix_;
   EventDecoder decoder_;
-  std::string lastFailure_;          // the last decoding failure logged; repeats are not
-  std::vector<uint64_t> eventInfo_;  // TRACE_EVENT_INFO of the current event, kept to grow
-  uint64_t sessionHandle_ = 0;
+  std::unique_ptr<TraceSessionApi> api_;
+  const std::chrono::milliseconds backOffUnit_;
+  bool sessionStarted_ = false;  // by this reader, and not stopped since; run thread only
 
-  std::mutex mutex_;  // guards consumerHandle_ and stopRequested_
+  // Failure log state, touched by the processing thread only.
+  std::string lastFailure_;  // the text of the last failure line
+  std::chrono::steady_clock::time_point lastFailureLine_{};
+  std::chrono::steady_clock::time_point failureWindow_{};  // start of the current minute
+  uint32_t failureLines_ = 0;                              // lines in the current minute
+  uint64_t unloggedFailures_ = 0;                          // since the last line
+  std::atomic<uint64_t> decodeFailures_{0};
+
+  std::mutex mutex_;  // guards consumerHandle_ and stopRequested_; wake_ waits on it
+  std::condition_variable wake_;
   uint64_t consumerHandle_ = kNoHandle;
   bool stopRequested_ = false;
 

@@ -18,11 +18,12 @@ struct EtwSettings {
   uint8_t level = 4;
   uint64_t matchAnyKeyword = 0x37;
   uint64_t matchAllKeyword = 0;
+  bool independentSession = true;  // start the session in independent-session mode
   // Which classes of event are decoded.
-  bool clientQuery = true;        // event 256
-  bool clientResponse = true;     // events 257, 258
-  bool resolverQuery = false;     // event 260
-  bool resolverResponse = false;  // event 261
+  bool clientQuery = true;        // events 256, 287
+  bool clientResponse = true;     // events 257, 258, 284, 285
+  bool resolverQuery = false;     // events 260, 289
+  bool resolverResponse = false;  // events 261, 290
   // dnstap header fields.
   bool identityFromEvent = true;  // "event-hostname": the host name carried by the event
   bool hasVersion = false;

@@ -10,7 +10,10 @@ namespace {
 
 // Declared lengths the provider uses for its fixed-size and string properties.
 constexpr uint16_t kUint8Length = 1;
+constexpr uint16_t kUint16Length = 2;
 constexpr uint16_t kUint32Length = 4;
+constexpr uint16_t kUint64Length = 8;
+constexpr uint16_t kGuidLength = 16;
 constexpr uint16_t kStringLength = 0;
 
 // The check of one property's declaration: the InType it must have, the noun used in the
@@ -30,10 +33,15 @@ constexpr PropertyKind kAnsiKind{kInTypeAnsiString, " to be a unicode string but
                                  kStringLength};
 constexpr PropertyKind kUnicodeKind{kInTypeUnicodeString, " to be a unicode string but got ", true,
                                     kStringLength};
+constexpr PropertyKind kUint16Kind{kInTypeUint16, " to be a uint16_t but got ", true,
+                                   kUint16Length};
+constexpr PropertyKind kUint64Kind{kInTypeUint64, " to be a uint64_t but got ", true,
+                                   kUint64Length};
+constexpr PropertyKind kGuidKind{kInTypeGuid, " to be a GUID but got ", true, kGuidLength};
 constexpr PropertyKind kBinaryKind{kInTypeBinary, " to be binary data but got ", false, 0};
 
-void checkProperty(const EventRecordView& event, uint32_t index, const PropertyKind& kind) {
-  PropertyInfo info = event.property(index);
+void checkProperty(const EventProperties& event, uint32_t index, const PropertyKind& kind) {
+  const PropertyInfo& info = event.declarations[index];
   if (info.inType != kind.inType) {
     throw EtwError("Expected property " + std::to_string(index) + kind.typeText +
                    std::to_string(info.inType));
@@ -44,13 +52,13 @@ void checkProperty(const EventRecordView& event, uint32_t index, const PropertyK
   }
 }
 
-uint32_t remaining(const EventRecordView& event, uint32_t offset) {
-  uint32_t size = event.userDataLength();
+uint32_t remaining(const EventProperties& event, uint32_t offset) {
+  uint32_t size = event.size;
   return offset < size ? size - offset : 0;
 }
 
 // Checks that `need` bytes follow `offset`; `unit` is the message's wording for the amount.
-void checkAvailable(const EventRecordView& event, uint32_t index, uint32_t offset, uint32_t need,
+void checkAvailable(const EventProperties& event, uint32_t index, uint32_t offset, uint32_t need,
                     const char* unit) {
   uint32_t left = remaining(event, offset);
   if (left < need) {
@@ -60,10 +68,17 @@ void checkAvailable(const EventRecordView& event, uint32_t index, uint32_t offse
   }
 }
 
+uint32_t skipFixed(const EventProperties& event, uint32_t index, uint32_t offset,
+                   const PropertyKind& kind) {
+  checkProperty(event, index, kind);
+  checkAvailable(event, index, offset, kind.length, " bytes");
+  return offset + kind.length;
+}
+
 // Offset behind the zero byte at or after `offset`, or the end of the data without one.
-uint32_t ansiEnd(const EventRecordView& event, uint32_t offset, uint32_t& textEnd) {
-  const uint8_t* data = event.userData();
-  uint32_t size = event.userDataLength();
+uint32_t ansiEnd(const EventProperties& event, uint32_t offset, uint32_t& textEnd) {
+  const uint8_t* data = event.data;
+  uint32_t size = event.size;
   uint32_t position = offset;
   while (position < size && data[position] != 0) ++position;
   textEnd = position;
@@ -71,9 +86,9 @@ uint32_t ansiEnd(const EventRecordView& event, uint32_t offset, uint32_t& textEn
 }
 
 // The same for 16-bit units; a trailing odd byte belongs to the unterminated string.
-uint32_t unicodeEnd(const EventRecordView& event, uint32_t offset, uint32_t& textEnd) {
-  const uint8_t* data = event.userData();
-  uint32_t size = event.userDataLength();
+uint32_t unicodeEnd(const EventProperties& event, uint32_t offset, uint32_t& textEnd) {
+  const uint8_t* data = event.data;
+  uint32_t size = event.size;
   uint32_t position = offset;
   while (position < size && size - position >= 2) {
     if (data[position] == 0 && data[position + 1] == 0) {
@@ -88,83 +103,95 @@ uint32_t unicodeEnd(const EventRecordView& event, uint32_t offset, uint32_t& tex
 
 }  // namespace
 
-uint32_t readUint8(const EventRecordView& event, uint32_t index, uint32_t offset, uint8_t& value) {
+uint32_t readUint8(const EventProperties& event, uint32_t index, uint32_t offset, uint8_t& value) {
   checkProperty(event, index, kUint8Kind);
   checkAvailable(event, index, offset, 1, " byte");
-  value = event.userData()[offset];
+  value = event.data[offset];
   return offset + 1;
 }
 
-uint32_t skipUint8(const EventRecordView& event, uint32_t index, uint32_t offset) {
+uint32_t skipUint8(const EventProperties& event, uint32_t index, uint32_t offset) {
   uint8_t ignored;
   return readUint8(event, index, offset, ignored);
 }
 
-uint32_t readUint32(const EventRecordView& event, uint32_t index, uint32_t offset,
+uint32_t readUint32(const EventProperties& event, uint32_t index, uint32_t offset,
                     uint32_t& value) {
   checkProperty(event, index, kUint32Kind);
   checkAvailable(event, index, offset, 4, " bytes");
-  const uint8_t* p = event.userData() + offset;
+  const uint8_t* p = event.data + offset;
   value = static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
   return offset + 4;
 }
 
-uint32_t skipUint32(const EventRecordView& event, uint32_t index, uint32_t offset) {
+uint32_t skipUint32(const EventProperties& event, uint32_t index, uint32_t offset) {
   uint32_t ignored;
   return readUint32(event, index, offset, ignored);
 }
 
-uint32_t readAnsiString(const EventRecordView& event, uint32_t index, uint32_t offset,
+uint32_t readAnsiString(const EventProperties& event, uint32_t index, uint32_t offset,
                         std::string& value) {
   checkProperty(event, index, kAnsiKind);
   uint32_t textEnd = 0;
   uint32_t end = ansiEnd(event, offset, textEnd);
   value.clear();
   // Byte by byte: the text goes into a buffer whose capacity is kept between events.
-  const uint8_t* data = event.userData();
+  const uint8_t* data = event.data;
   for (uint32_t i = offset; i < textEnd; ++i) value.push_back(static_cast<char>(data[i]));
   return end;
 }
 
-uint32_t skipAnsiString(const EventRecordView& event, uint32_t index, uint32_t offset) {
+uint32_t skipAnsiString(const EventProperties& event, uint32_t index, uint32_t offset) {
   checkProperty(event, index, kAnsiKind);
   uint32_t textEnd = 0;
   return ansiEnd(event, offset, textEnd);
 }
 
-uint32_t readUnicodeString(const EventRecordView& event, uint32_t index, uint32_t offset,
+uint32_t readUnicodeString(const EventProperties& event, uint32_t index, uint32_t offset,
                            std::u16string& value) {
   checkProperty(event, index, kUnicodeKind);
   uint32_t textEnd = 0;
   uint32_t end = unicodeEnd(event, offset, textEnd);
   value.clear();
-  const uint8_t* data = event.userData();
+  const uint8_t* data = event.data;
   for (uint32_t i = offset; i < textEnd; i += 2) {
     value.push_back(static_cast<char16_t>(data[i] | data[i + 1] << 8));
   }
   return end;
 }
 
-uint32_t skipUnicodeString(const EventRecordView& event, uint32_t index, uint32_t offset) {
+uint32_t skipUnicodeString(const EventProperties& event, uint32_t index, uint32_t offset) {
   checkProperty(event, index, kUnicodeKind);
   uint32_t textEnd = 0;
   return unicodeEnd(event, offset, textEnd);
 }
 
-uint32_t readBinary(const EventRecordView& event, uint32_t index, uint32_t offset, uint32_t length,
+uint32_t readBinary(const EventProperties& event, uint32_t index, uint32_t offset, uint32_t length,
                     std::string& value) {
   checkProperty(event, index, kBinaryKind);
   checkAvailable(event, index, offset, length, " bytes");
-  value.assign(reinterpret_cast<const char*>(event.userData()) + offset, length);
+  value.assign(reinterpret_cast<const char*>(event.data) + offset, length);
   return offset + length;
 }
 
-uint32_t skipBinary(const EventRecordView& event, uint32_t index, uint32_t offset,
+uint32_t skipBinary(const EventProperties& event, uint32_t index, uint32_t offset,
                     uint32_t length) {
   checkProperty(event, index, kBinaryKind);
   checkAvailable(event, index, offset, length, " bytes");
   return offset + length;
+}
+
+uint32_t skipUint16(const EventProperties& event, uint32_t index, uint32_t offset) {
+  return skipFixed(event, index, offset, kUint16Kind);
+}
+
+uint32_t skipUint64(const EventProperties& event, uint32_t index, uint32_t offset) {
+  return skipFixed(event, index, offset, kUint64Kind);
+}
+
+uint32_t skipGuid(const EventProperties& event, uint32_t index, uint32_t offset) {
+  return skipFixed(event, index, offset, kGuidKind);
 }
 
 }  // namespace vantrelo::etw

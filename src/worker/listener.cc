@@ -34,7 +34,8 @@ std::unique_ptr<filter::EdgeFilter> filterOf(const ListenerSettings& settings) {
 
 }  // namespace
 
-Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue)
+Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue,
+                   std::unique_ptr<etw::TraceSessionApi> sessionApi)
     : id_(id),
       settings_(settings),
       filter_(filterOf(settings)),
@@ -42,7 +43,8 @@ Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::
       queue_(queue),
       etwPusher_(queue, filter_.get()) {
   if (settings_.etw) {
-    etwReader_ = std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix());
+    etwReader_ =
+        std::make_unique<etw::EtwReader>(settings_.etwSettings, prefix(), std::move(sessionApi));
   } else {
     socket_ = std::make_unique<net::Socket>(id_, settings_.socket);
   }
@@ -82,6 +84,7 @@ void Listener::run() {
     }
   } catch (const std::exception& failure) {
     log::error(prefix() + failure.what());
+    if (settings_.etw && failureHook_ != nullptr) failureHook_(prefix() + failure.what());
   }
   // Whatever ended the loop, no receiver may outlive it.
   stopReceivers();

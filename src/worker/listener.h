@@ -34,9 +34,11 @@ namespace vantrelo::worker::listener {
 
 class Listener {
  public:
-  // For type etw the trace session reader is made here; its failures (an unknown Windows
-  // version, no host name) are thrown as they are.
-  Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue);
+  // For type etw the trace session reader is made here, over `sessionApi` (null: the system's
+  // trace sessions); its failures (an unknown Windows version, no host name) are thrown as
+  // they are.
+  Listener(uint32_t id, const ListenerSettings& settings, event::queue::EventQueue& queue,
+           std::unique_ptr<etw::TraceSessionApi> sessionApi = nullptr);
   // Stops and joins a thread that is still running.
   ~Listener();
   Listener(const Listener&) = delete;
@@ -63,6 +65,12 @@ class Listener {
 
   // Fills one listener record of the metrics report, with a record per running receiver.
   void metrics(format::ListenerMetrics& out);
+
+  // An ETW listener whose trace session cannot run (access denied, no free logger) ends with
+  // an error line; with nothing captured the agent run should end as failed. The hook (set
+  // before start()) is then called on the listener's thread with the line's text.
+  using FailureHook = void (*)(const std::string& reason);
+  void setFailureHook(FailureHook hook) { failureHook_ = hook; }
 
  private:
   using ReceiverMap = std::map<uint32_t, std::unique_ptr<receiver::Receiver>>;
@@ -101,6 +109,7 @@ class Listener {
   std::atomic<uint64_t> activeReceivers_{0};
   std::atomic<uint64_t> peakReceivers_{0};
   std::atomic<uint16_t> boundPort_{0};
+  FailureHook failureHook_ = nullptr;
 };
 
 }  // namespace vantrelo::worker::listener

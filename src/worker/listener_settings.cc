@@ -1,6 +1,8 @@
 #include "worker/listener_settings.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <iterator>
 #include <limits>
 
 #include "worker/value_syntax.h"
@@ -16,12 +18,12 @@ constexpr int32_t kMaxPort = 65535;
 // The dnstap version text written when dnstap-version=vantrelo.
 constexpr const char* kProductVersion = "Vantrelo 2.4.4";
 
-// The DNS Server provider's event ids for each class of event the listener can capture.
-constexpr uint16_t kClientQueryEvent = 256;
-constexpr uint16_t kClientResponseEvent = 257;
-constexpr uint16_t kClientResponseFailureEvent = 258;
-constexpr uint16_t kResolverQueryEvent = 260;
-constexpr uint16_t kResolverResponseEvent = 261;
+// The DNS Server provider's event ids for each class of event the listener can capture; the
+// second of each pair is the EDNS-aware event Windows Server 2025 raises for the same traffic.
+constexpr uint16_t kClientQueryEvents[] = {256, 287};
+constexpr uint16_t kClientResponseEvents[] = {257, 258, 284, 285};
+constexpr uint16_t kResolverQueryEvents[] = {260, 289};
+constexpr uint16_t kResolverResponseEvents[] = {261, 290};
 
 // Which listener types accept an option.
 constexpr uint32_t kEtwType = 1;
@@ -163,13 +165,14 @@ const OptionRule* findOption(const std::string& name, uint32_t typeMask) {
 // The provider event ids that the four capture switches select, in ascending order.
 void deriveEventIds(etw::EtwSettings& etw) {
   etw.eventIds.clear();
-  if (etw.clientQuery) etw.eventIds.push_back(kClientQueryEvent);
-  if (etw.clientResponse) {
-    etw.eventIds.push_back(kClientResponseEvent);
-    etw.eventIds.push_back(kClientResponseFailureEvent);
-  }
-  if (etw.resolverQuery) etw.eventIds.push_back(kResolverQueryEvent);
-  if (etw.resolverResponse) etw.eventIds.push_back(kResolverResponseEvent);
+  const auto add = [&etw](bool on, const auto& ids) {
+    if (on) etw.eventIds.insert(etw.eventIds.end(), std::begin(ids), std::end(ids));
+  };
+  add(etw.clientQuery, kClientQueryEvents);
+  add(etw.clientResponse, kClientResponseEvents);
+  add(etw.resolverQuery, kResolverQueryEvents);
+  add(etw.resolverResponse, kResolverResponseEvents);
+  std::sort(etw.eventIds.begin(), etw.eventIds.end());
 }
 
 void readAddress(ValueReader& reader, ListenerSettings& settings, uint32_t typeMask) {

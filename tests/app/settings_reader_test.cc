@@ -140,12 +140,15 @@ TEST(SettingsReaderTest, AcceptedValues) {
 TEST(SettingsReaderTest, EtwListenerNeedsASupportedSystem) {
   // "(accepted)" when this system can trace DNS Server events, else the reason it cannot.
   const std::string reason = errorOf([] { etw::detectWindowsVersion(); });
+  const std::string two = "listener etw\nlistener ipv4 127.0.0.1 6000\nlistener etw";
   if (reason == "(accepted)") {
     EXPECT_EQ(firstError("listener etw"), "(accepted)");
+    EXPECT_EQ(firstError(two), "Only one etw listener may be configured");
     return;
   }
   // Detection runs even with the release named, after the listener's own option errors.
   EXPECT_EQ(firstError("listener etw"), reason);
+  EXPECT_EQ(firstError(two), reason);
   EXPECT_EQ(firstError("etw-windows-version windows2019\nlistener etw"), reason);
   EXPECT_EQ(firstError("listener etw client-query=yes"), "Invalid client-query option");
 }
@@ -154,19 +157,21 @@ TEST(SettingsReaderTest, EtwKeys) {
   testing::internal::CaptureStdout();
   etw::EtwSettings s;
   readEtwSettings(configOf(""), etw::kWindows2022, s);
-  EXPECT_EQ(s.windowsVersion, etw::kWindows2022);
+  EXPECT_EQ(std::make_tuple(s.windowsVersion, s.independentSession),
+            std::make_tuple(etw::kWindows2022, true));
   readEtwSettings(configOf("etw-windows-version windows2012r2\netw-buffer-size 64\n"
                            "etw-minimum-buffers -1\netw-maximum-buffers 8\netw-flush-timer 2\n"
                            "etw-filter on\netw-level 257\netw-match-any-keyword 55\n"
-                           "etw-match-all-keyword -1\n"),
+                           "etw-match-all-keyword -1\netw-independent-session off\n"),
                   etw::kWindows2022, s);
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "[INFO] Using Windows Server 2022 ETW semantics\n"
             "[INFO] Using Windows Server 2012R2 ETW semantics\n");
-  EXPECT_EQ(
-      std::make_tuple(s.windowsVersion, s.bufferSize, s.minimumBuffers, s.maximumBuffers,
-                      s.flushTimer, s.filter, s.level, s.matchAnyKeyword, s.matchAllKeyword),
-      std::make_tuple(etw::kWindows2012R2, 64u, UINT32_MAX, 8u, 2u, true, 1, 55u, UINT64_MAX));
+  EXPECT_EQ(std::make_tuple(s.windowsVersion, s.bufferSize, s.minimumBuffers, s.maximumBuffers,
+                            s.flushTimer, s.filter, s.level, s.matchAnyKeyword, s.matchAllKeyword,
+                            s.independentSession),
+            std::make_tuple(etw::kWindows2012R2, 64u, UINT32_MAX, 8u, 2u, true, 1, 55u, UINT64_MAX,
+                            false));
 
   struct Case {
     const char* text;
@@ -182,6 +187,8 @@ TEST(SettingsReaderTest, EtwKeys) {
       {"etw-filter ON", "Unknown etw-filter specified in config file: ON"},
       {"etw-level 256", "Invalid etw-level specified in config file: 256"},
       {"etw-level 0\netw-buffer-size 0", "Invalid etw-buffer-size specified in config file: 0"},
+      {"etw-independent-session yes",
+       "Unknown etw-independent-session specified in config file: yes"},
   };
   testing::internal::CaptureStdout();
   for (const Case& c : cases) {

@@ -9,13 +9,16 @@
 #include "encoding/ip.h"
 #include "etw/windows_version.h"
 #include "event_builder.h"
+#include "log_lines.h"
 
 namespace vantrelo::etw {
 namespace {
 
 using encoding::dnstap::DnstapMessage;
 using testing::buildEvent;
+using testing::buildEventFrom;
 using testing::EventValues;
+using testing::LogLines;
 using testing::SyntheticEvent;
 
 // 2023-11-14T22:13:20Z plus 0.1234567 s, in 100-ns ticks since 1601.
@@ -54,7 +57,8 @@ std::string describe(const DnstapMessage& m) {
 
 // A decoder whose handler counts its calls and copies the record it saw.
 struct Decoder {
-  explicit Decoder(const EtwSettings& settings) : decoder(settings, "dns1.example") {
+  explicit Decoder(const EtwSettings& settings)
+      : decoder(settings, "dns1.example", "Listener[0]: ") {
     decoder.setHandler(
         [](DnstapMessage& message, void* self) {
           ++static_cast<Decoder*>(self)->calls;
@@ -76,16 +80,28 @@ struct Decoder {
   DnstapMessage last;
 };
 
-TEST(EventDecoder, EveryEventAndReleaseLayoutPlacesEveryValue) {
-  const std::string kPeers = " dns1.example|| 1/2 198.51.100.7:41952>192.0.2.53:0 ";
+// Every template of every release, the real 2022 and 2025 ones among them, decodes without a
+// word in the log. A client event's InterfaceIP is the server side; a resolver event's other end
+// (Destination, Source) is the server asked and InterfaceIP the asking side.
+TEST(EventDecoder, EveryTemplateDecodesEveryValue) {
+  const std::string kClient = " dns1.example|| 1/2 198.51.100.7:41952>192.0.2.53:0 ";
+  const std::string kResolver = " dns1.example|| 1/2 192.0.2.53:41952>198.51.100.7:0 ";
   const std::string kQuery = "Q\x12\x34\x81@1700000000.123456700 R@0.0";
   const std::string kResponse = "Q@0.0 R\x12\x34\x81@1700000000.123456700";
+  const uint32_t kR2 = kWindows2012R2, k16 = kWindows2016, k19 = kWindows2019, k22 = kWindows2022,
+                 k25 = kWindows2025;
   const std::tuple<uint16_t, std::vector<uint32_t>, std::string> cases[] = {
-      {256, {kWindows2012R2, kWindows2016, kWindows2025}, "5" + kPeers + kQuery},
-      {257, {kWindows2012R2, kWindows2016, kWindows2022}, "6" + kPeers + kResponse},
-      {258, {kWindows2012R2, kWindows2019}, "6" + kPeers + kResponse},
-      {260, {kWindows2012R2, kWindows2016, kWindows2019, kWindows2025}, "3" + kPeers + kQuery},
-      {261, {kWindows2012R2, kWindows2016, kWindows2019, kWindows2022}, "4" + kPeers + kResponse}};
+      {256, {kR2, k16, k22, k25}, "5" + kClient + kQuery},
+      {257, {kR2, k16, k22, k25}, "6" + kClient + kResponse},
+      {258, {kR2, k19, k25}, "6" + kClient + kResponse},
+      {260, {kR2, k16, k19, k25}, "3" + kResolver + kQuery},
+      {261, {kR2, k16, k19, k22}, "4" + kResolver + kResponse},
+      {287, {k25, k19}, "5" + kClient + kQuery},
+      {284, {k25}, "6" + kClient + kResponse},
+      {285, {k25}, "6" + kClient + kResponse},
+      {289, {k25}, "3" + kResolver + kQuery},
+      {290, {k25}, "4" + kResolver + kResponse}};
+  LogLines log;
   for (const auto& [id, versions, expected] : cases) {
     for (uint32_t version : versions) {
       Decoder d(allOn(version));
@@ -94,10 +110,74 @@ TEST(EventDecoder, EveryEventAndReleaseLayoutPlacesEveryValue) {
       EXPECT_EQ(describe(d.last), expected) << id << " on " << windowsVersionName(version);
     }
   }
+  EXPECT_EQ(log.take(), std::vector<std::string>{});
 }
 
-// Events damaged in one place. Event 256 on 2019 is T S C b a i i P i L M; event 257 has
-// Unicode strings at 12 to 14.
+// A release that moves what the decoder reads: found by name with one warning, or, when a
+// name is missing, one error and every event of the kind skipped. Either way the event
+// information is read once for a hundred events.
+TEST(EventDecoder, LayoutThatMovedIsFoundByName) {
+  const std::string kStart = "TCP:u8 InterfaceIP:A Source:A RD:u8 QNAME:A QTYPE:u32 XID:u32 ";
+  const std::string kMoved = "W Listener[0]: Event 256 version 0 has moved its properties (";
+  const std::string kSkipped = "; its events are skipped";
+  const struct {
+    uint16_t id;
+    uint32_t version;
+    std::string properties;
+    std::string log;        // the one line logged
+    std::string endpoints;  // "": every event skipped
+  } cases[] = {
+      // Windows Server 2016 as Microsoft documents it: two scope strings after Flags.
+      {261, kWindows2016,
+       "TCP:u8 Source:A InterfaceIP:A AA:u8 AD:u8 QNAME:A QTYPE:u32 XID:u32 Port:u32 Flags:u32 "
+       "ServerScope:U CacheScope:U BufferSize:u32 PacketData:bin AdditionalInfo:U GUID:U",
+       "W Listener[0]: Event 261 version 0 has moved its properties (BufferSize from 11 to 12, "
+       "PacketData from 12 to 13); reading them by name",
+       "1/2 192.0.2.53:41952>198.51.100.7:0"},
+      // New fixed-size values in front of the port, and the port after the message.
+      {256, kWindows2022,
+       kStart + "Tag:guid Width:u16 Flags:u32 Data:u64 BufferSize:u32 PacketData:bin Port:u32",
+       kMoved + "Port from 7 to 13, BufferSize from 9 to 11, PacketData from 10 to 12); "
+                "reading them by name",
+       "1/2 198.51.100.7:41952>192.0.2.53:0"},
+      {256, kWindows2022, kStart + "Port:u32 Flags:u32 BufferSize:u32 Data:bin",
+       "E Listener[0]: Event 256 version 0 has no property PacketData" + kSkipped, ""},
+      {256, kWindows2022,
+       "TCP:u8 InterfaceIP:A Client:A RD:u8 QNAME:A QTYPE:u32 XID:u32 Port:u32 Flags:u32 "
+       "Length:u32 PacketData:bin",
+       "E Listener[0]: Event 256 version 0 has no property Source, BufferSize" + kSkipped, ""},
+      {256, kWindows2022, kStart + "Port:u32 Flags:u32 PacketData:bin BufferSize:u32",
+       "E Listener[0]: Event 256 version 0 declares BufferSize after PacketData" + kSkipped, ""},
+      {256, kWindows2022, kStart + "Extra:bin Port:u32 Flags:u32 BufferSize:u32 PacketData:bin",
+       "E Listener[0]: Event 256 version 0 declares property 7 (Extra) with type 14, which "
+       "cannot be stepped over" +
+           kSkipped,
+       ""}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.properties);
+    LogLines log;
+    Decoder d(allOn(c.version));
+    SyntheticEvent event = buildEventFrom(c.id, c.properties, {.tcp = 1, .port = 41952});
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(d.handle(event), "");
+    EXPECT_EQ(log.take(), std::vector<std::string>{c.log});
+    EXPECT_EQ(event.informationReads, 1);
+    EXPECT_EQ(d.calls, c.endpoints.empty() ? 0 : 100);
+    EXPECT_EQ(d.decoder.skippedEvents(), c.endpoints.empty() ? 100u : 0u);
+    if (!c.endpoints.empty()) {
+      EXPECT_EQ(endpoints(d.last), c.endpoints);
+      EXPECT_EQ(d.last.query_message + d.last.response_message, "\x12\x34\x81");
+    }
+    // Another version of the event is another kind, checked afresh.
+    event.version = 1;
+    d.handle(event);
+    EXPECT_EQ(event.informationReads, 2);
+    EXPECT_EQ(log.take().size(), 1u);
+  }
+}
+
+// Events damaged in one place. Event 256 on 2019 is T S C b a i i P i L M u u; event 257 has
+// Unicode strings at 12 to 14. A wrong type where the name is right is not a move: the
+// event fails with the type it has.
 TEST(EventDecoder, MalformedEvents) {
   constexpr uint16_t kCount = 0xFFFF, kCut = 0;
   struct Case {
@@ -144,11 +224,11 @@ TEST(EventDecoder, MalformedEvents) {
     Decoder d(allOn(c.version));
     SyntheticEvent event = buildEvent(c.id, c.version);
     if (c.damage.inType == kCount) {
-      event.count = c.damage.length;
+      event.info.count = c.damage.length;
     } else if (c.damage.inType == kCut) {
       event.data.resize(event.offsets[c.index] + c.damage.length);
     } else {
-      event.properties[c.index] = c.damage;
+      event.info.properties[c.index] = c.damage;
     }
     EXPECT_EQ(d.handle(event), c.message) << c.id << " on " << c.version << " at " << c.index;
     EXPECT_EQ(d.calls, c.message.empty() ? 1 : 0);
@@ -160,15 +240,15 @@ TEST(EventDecoder, AddressesPortsAndProtocol) {
   const std::pair<EventValues, std::string> cases[] = {
       {{.tcp = 0, .port = 53}, "1/1 198.51.100.7:53>192.0.2.53:0"},
       {{.tcp = 7, .port = 53}, "1/2 198.51.100.7:53>192.0.2.53:0"},
-      {{.tcp = 1, .server = "2001:db8::53", .client = "2001:db8::7", .port = 0},
+      {{.tcp = 1, .local = "2001:db8::53", .remote = "2001:db8::7", .port = 0},
        "2/2 2001:db8::7:0>2001:db8::53:0"},
       // A dual-stack server: the family follows the client.
-      {{.server = "2001:db8::53", .client = "192.0.2.7", .port = 1},
+      {{.local = "2001:db8::53", .remote = "192.0.2.7", .port = 1},
        "1/1 192.0.2.7:1>2001:db8::53:0"},
-      {{.client = "::ffff:192.0.2.7", .port = 65535}, "2/1 ::ffff:c000:207:65535>192.0.2.53:0"},
+      {{.remote = "::ffff:192.0.2.7", .port = 65535}, "2/1 ::ffff:c000:207:65535>192.0.2.53:0"},
       {{.port = 65536}, "Client port 65536 is larger than 65535"},
-      {{.server = "dns1.example"}, "Parse IP address dns1.example failed: Invalid IP address"},
-      {{.client = ""}, "Parse IP address  failed: Invalid IP address"}};
+      {{.local = "dns1.example"}, "Parse IP address dns1.example failed: Invalid IP address"},
+      {{.remote = ""}, "Parse IP address  failed: Invalid IP address"}};
   for (const auto& [values, expected] : cases) {
     Decoder d(allOn(kWindows2022));
     const std::string error = d.handle(buildEvent(257, kWindows2022, values));
@@ -181,11 +261,19 @@ TEST(EventDecoder, SwitchesAndIgnoredEvents) {
   const std::pair<uint16_t, bool EtwSettings::*> cases[] = {{259, nullptr},
                                                             {255, nullptr},
                                                             {262, nullptr},
+                                                            {286, nullptr},
+                                                            {288, nullptr},
+                                                            {291, nullptr},
                                                             {256, &EtwSettings::clientQuery},
+                                                            {287, &EtwSettings::clientQuery},
                                                             {257, &EtwSettings::clientResponse},
                                                             {258, &EtwSettings::clientResponse},
+                                                            {284, &EtwSettings::clientResponse},
+                                                            {285, &EtwSettings::clientResponse},
                                                             {260, &EtwSettings::resolverQuery},
-                                                            {261, &EtwSettings::resolverResponse}};
+                                                            {289, &EtwSettings::resolverQuery},
+                                                            {261, &EtwSettings::resolverResponse},
+                                                            {290, &EtwSettings::resolverResponse}};
   for (const auto& [id, off] : cases) {
     EtwSettings settings = allOn(kWindows2019);
     if (off != nullptr) settings.*off = false;
@@ -198,15 +286,18 @@ TEST(EventDecoder, SwitchesAndIgnoredEvents) {
     EXPECT_FALSE(d.decoder.wants(id));
     EXPECT_EQ(d.handle(event), "");
     EXPECT_EQ(d.calls, calls) << id;
-    EXPECT_EQ(d.decoder.message().query_port, id == 256 ? 0u : 1u);
+    EXPECT_EQ(event.informationReads, 0);
+    EXPECT_EQ(d.decoder.message().query_port, settings.clientQuery ? 1u : 0u);
   }
   // By default only client traffic is taken.
   EtwSettings settings;
   settings.windowsVersion = kWindows2016;
   EventDecoder decoder(settings, "host");
-  std::vector<bool> wanted;
-  for (uint16_t id = 255; id <= 262; ++id) wanted.push_back(decoder.wants(id));
-  EXPECT_EQ(wanted, (std::vector<bool>{false, true, true, true, false, false, false, false}));
+  std::vector<uint16_t> wanted;
+  for (uint16_t id = 250; id <= 300; ++id) {
+    if (decoder.wants(id)) wanted.push_back(id);
+  }
+  EXPECT_EQ(wanted, (std::vector<uint16_t>{256, 257, 258, 284, 285, 287}));
   settings.windowsVersion = kWindowsUnknown;
   EXPECT_THROW(EventDecoder(settings, "host"), EtwError);
 }
@@ -223,7 +314,7 @@ TEST(EventDecoder, HeaderFieldsSurviveEveryEvent) {
   EXPECT_EQ(d.handle(buildEvent(261, kWindows2019, {.time = 12345})), "");
   EXPECT_EQ(
       describe(d.last),
-      "4 |Vantrelo 2.4.4|site=ams 1/1 198.51.100.7:53000>192.0.2.53:0 Q@0.0 R\x12\x34\x81@0.0");
+      "4 |Vantrelo 2.4.4|site=ams 1/1 192.0.2.53:53000>198.51.100.7:0 Q@0.0 R\x12\x34\x81@0.0");
 }
 
 }  // namespace

@@ -5,9 +5,6 @@
 #include <string>
 #include <tuple>
 
-#include "etw/windows_version.h"
-#include "event_builder.h"
-
 namespace vantrelo::etw {
 namespace {
 
@@ -25,10 +22,9 @@ TEST(PropertyReader, StringEnds) {
       {kInTypeUnicodeString, std::string("A\0", 2), 2, "", 2}};
   for (const auto& [inType, data, offset, text, end] : cases) {
     SCOPED_TRACE(data);
-    testing::SyntheticEvent event;
-    event.count = 1;
-    event.properties = {{inType, 0}};
-    event.data = data;
+    const PropertyInfo declaration{inType, 0};
+    const EventProperties event{&declaration, 1, reinterpret_cast<const uint8_t*>(data.data()),
+                                static_cast<uint32_t>(data.size())};
     std::string read = "stale";
     std::u16string units = u"stale";
     if (inType == kInTypeAnsiString) {

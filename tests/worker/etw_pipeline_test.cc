@@ -7,13 +7,19 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <vector>
 
+#include "base/error.h"
 #include "etw/event_decoder.h"
 #include "etw/windows_version.h"
 #include "event/event_queue.h"
 #include "event_builder.h"
+#include "fake_sessions.h"
+#include "format/metrics_report.h"
+#include "log_lines.h"
 #include "worker/event_pusher.h"
 #include "worker/forwarder.h"
+#include "worker/listener.h"
 #include "worker_test_support.h"
 
 namespace vantrelo::worker {
@@ -116,6 +122,55 @@ TEST(EtwPipelineTest, CapturedClientsAreTruncatedBeforeTheQueue) {
   EXPECT_EQ(lines.find("198.51.100.7"), std::string::npos) << lines;
   EXPECT_NE(lines.find("queries: client 198.51.100.0#53000: response: "), std::string::npos)
       << lines;
+}
+
+// An ETW listener over scripted session calls: what the session delivers reaches the queue,
+// the session's loss counters reach the metrics line through a statistics query, and a session
+// that cannot be started fails the listener, whose hook gets the reason.
+TEST(EtwPipelineTest, EtwListenerOverScriptedSessions) {
+  static std::vector<std::string> failures;
+  const listener::Listener::FailureHook hook = [](const std::string& reason) {
+    failures.push_back(reason);
+  };
+  etw::testing::LogLines log;
+  listener::ListenerSettings settings = listener::parse("etw");
+  settings.etwSettings.windowsVersion = etw::kWindows2025;
+  settings.etwSettings.identityFromEvent = false;
+  event::queue::EventQueue queue(event::queue::QueueOptions{1 << 16, false, ""});
+  const etw::testing::SyntheticEvent query = etw::testing::buildEvent(287, etw::kWindows2025);
+  const etw::testing::SyntheticEvent response = etw::testing::buildEvent(284, etw::kWindows2025);
+
+  auto capturing = std::make_unique<etw::testing::FakeSessions>();
+  etw::testing::FakeSessions& fake = *capturing;
+  fake.processing = {etw::testing::stopped(0, {&query, &response})};
+  listener::Listener listener(0, settings, queue, std::move(capturing));
+  fake.requestStop = [&listener] { listener.stop(); };
+  listener.setFailureHook(hook);
+  listener.start();
+  listener.join();
+  uint64_t processed = 0, queued = 0, dropped = 0;
+  queue.snapshot(processed, queued, dropped);
+  EXPECT_EQ(queued, 2u);
+
+  fake.statistics = {64, 60, 7, 900, 2, 3};
+  format::MetricsSnapshot snapshot;
+  snapshot.listeners.resize(1);
+  listener.metrics(snapshot.listeners[0]);
+  std::string line;
+  format::formatReport(snapshot, false, line);
+  EXPECT_NE(line.find(" type=etw numberOfBuffers=64 freeBuffers=60 eventsLost=7 "
+                      "buffersWritten=900 logBuffersLost=2 realTimeBuffersLost=3"),
+            std::string::npos)
+      << line;
+
+  auto denied = std::make_unique<etw::testing::FakeSessions>();
+  denied->starts = {5};
+  listener::Listener failing(1, settings, queue, std::move(denied));
+  failing.setFailureHook(hook);
+  failing.start();
+  failing.join();
+  EXPECT_EQ(failures, std::vector<std::string>{"Listener[1]: StartTrace() failed: " +
+                                               error::systemErrorText(5)});
 }
 
 }  // namespace

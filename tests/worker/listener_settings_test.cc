@@ -56,9 +56,9 @@ TEST(ListenerSettingsTest, SocketListeners) {
 
 TEST(ListenerSettingsTest, EtwListeners) {
   const std::pair<const char*, std::vector<uint16_t>> cases[] = {
-      {"etw", {256, 257, 258}},
-      {"ETW resolver-query=on client-query=off", {257, 258, 260}},
-      {"etw client-query=off client-response=off resolver-response=on", {261}},
+      {"etw", {256, 257, 258, 284, 285, 287}},
+      {"ETW resolver-query=on client-query=off", {257, 258, 260, 284, 285, 289}},
+      {"etw client-query=off client-response=off resolver-response=on", {261, 290}},
       {"etw client-query=off client-response=off", {}},
   };
   for (const auto& [value, ids] : cases) {
