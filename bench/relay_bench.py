@@ -15,7 +15,11 @@ A run's time is from the start of the replay until the sink has counted
 every event (for fstrm_capture: until fstrm_replay has its FINISH). Prints
 events per second for each and vantrelo's ratios to the two peers.
 
-usage: bench/relay_bench.py [--build DIR] [--events N] [--repeat R]
+Then the Kafka forwarder into a mock cluster (tools/vantrelo-kafka-mock,
+three brokers in one process that also reads every record back): events per
+second from the start of the replay until the last record is in the topic.
+
+usage: bench/relay_bench.py [--build DIR] [--events N] [--repeat R] [--kafka-only]
 Needs fstrm-bin and the dnstap CLI (scripts/install-deps --with-peers).
 """
 
@@ -220,6 +224,58 @@ def bench_fstrm_capture(path, workdir):
         stop(capture)
 
 
+# --- the Kafka forwarder against the mock cluster --------------------------
+
+
+def bench_vantrelo_kafka(build, path, count, fmt, workdir, options=""):
+    """Seconds from the start of the replay until the mock cluster holds every record."""
+    mock = subprocess.Popen([os.path.join(build, "tools/vantrelo-kafka-mock"),
+                             "dns", str(count)], stdin=subprocess.PIPE,
+                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL,
+                            text=True)
+    bootstraps = mock.stdout.readline().strip()
+    port = free_port()
+    config = os.path.join(workdir, "kafka.conf")
+    with open(config, "w") as handle:
+        handle.write("listener ipv4 %s %d\nforwarder kafka %s topic=dns "
+                     "batch-size=1000 %s\nmessage-format %s\n"
+                     "message-queue-recovery off\nmetrics-interval 3600\n" %
+                     (LOOPBACK, port, bootstraps, options, fmt))
+    agent = subprocess.Popen([os.path.join(build, "src/app/vantrelo"), "run",
+                              config], stdout=subprocess.DEVNULL,
+                             stderr=subprocess.DEVNULL)
+    try:
+        wait_listening(port, agent)
+        start = time.time()
+        replay(path, port)
+        return finish_time(mock, count) - start
+    finally:
+        stop(agent)
+        mock.stdin.close()
+        stop(mock)
+
+
+def kafka_section(args, path, workdir):
+    """The Kafka forwarder's events/s into a three-broker mock cluster, which
+    runs in one process on the same machine and reads every record back."""
+    if not os.path.exists(os.path.join(args.build, "tools/vantrelo-kafka-mock")):
+        print("kafka: tools/vantrelo-kafka-mock not built, skipped")
+        return
+    contenders = [
+        ("kafka json", "json", ""),
+        ("kafka json lz4", "json", "compression=lz4"),
+        ("kafka json key", "json", "key=client"),
+        ("kafka querylog", "querylog", ""),
+        ("kafka dnstap", "dnstap", ""),
+    ]
+    for name, fmt, options in contenders:
+        best = min(bench_vantrelo_kafka(args.build, path, args.events, fmt,
+                                        workdir, options)
+                   for _ in range(args.repeat))
+        print("%-18s %10.0f events/s  (%.3f s)" % (name, args.events / best,
+                                                   best), flush=True)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--build", default=os.path.join(ROOT, "build"),
@@ -227,6 +283,8 @@ def main():
     parser.add_argument("--events", type=int, default=200000)
     parser.add_argument("--repeat", type=int, default=3,
                         help="runs per contender; the best one counts")
+    parser.add_argument("--kafka-only", action="store_true",
+                        help="run only the Kafka forwarder's section")
     parser.add_argument("--sink", nargs=3, help=argparse.SUPPRESS)
     args = parser.parse_args()
     if args.sink:
@@ -252,6 +310,9 @@ def main():
                                                             args.events)),
             ("fstrm_capture", lambda: bench_fstrm_capture(path, workdir)),
         ]
+        if args.kafka_only:
+            kafka_section(args, path, workdir)
+            return
         rates = {}
         for name, run in contenders:
             best = min(run() for _ in range(args.repeat))
@@ -263,6 +324,8 @@ def main():
             print("%-18s %5.2fx the dnstap tool, %5.2fx fstrm_capture" %
                   (ours, rates[ours] / rates["dnstap tool json"],
                    rates[ours] / rates["fstrm_capture"]))
+        print()
+        kafka_section(args, path, workdir)
 
 
 if __name__ == "__main__":

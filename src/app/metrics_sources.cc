@@ -32,7 +32,7 @@ class ListenerSource : public metrics::MetricsSource {
 
 class ForwarderSource : public metrics::MetricsSource {
  public:
-  ForwarderSource(worker::forwarder::Forwarder& forwarder, bool toStdout)
+  ForwarderSource(const worker::forwarder::ForwarderCounters& forwarder, bool toStdout)
       : forwarder_(forwarder), toStdout_(toStdout) {}
   void collect(metrics::ExpositionWriter& out) override {
     forwarder_.metrics(record_);
@@ -45,7 +45,7 @@ class ForwarderSource : public metrics::MetricsSource {
   }
 
  private:
-  worker::forwarder::Forwarder& forwarder_;
+  const worker::forwarder::ForwarderCounters& forwarder_;
   const bool toStdout_;
   format::ForwarderMetrics record_;
 };
@@ -60,8 +60,8 @@ std::unique_ptr<metrics::MetricsSource> listenerSource(worker::listener::Listene
   return std::make_unique<ListenerSource>(listener);
 }
 
-std::unique_ptr<metrics::MetricsSource> forwarderSource(worker::forwarder::Forwarder& forwarder,
-                                                        bool toStdout) {
+std::unique_ptr<metrics::MetricsSource> forwarderSource(
+    const worker::forwarder::ForwarderCounters& forwarder, bool toStdout) {
   return std::make_unique<ForwarderSource>(forwarder, toStdout);
 }
 

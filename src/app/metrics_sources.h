@@ -10,7 +10,7 @@
 
 #include "event/event_queue.h"
 #include "metrics/metrics_source.h"
-#include "worker/forwarder.h"
+#include "worker/forwarder_counters.h"
 #include "worker/listener.h"
 
 namespace vantrelo::app {
@@ -18,7 +18,8 @@ namespace vantrelo::app {
 std::unique_ptr<metrics::MetricsSource> queueSource(event::queue::EventQueue& queue);
 std::unique_ptr<metrics::MetricsSource> listenerSource(worker::listener::Listener& listener);
 // `toStdout`: the forwarder prints instead of connecting, which the health check accepts.
-std::unique_ptr<metrics::MetricsSource> forwarderSource(worker::forwarder::Forwarder& forwarder,
-                                                        bool toStdout);
+// Any forwarder, TCP or Kafka.
+std::unique_ptr<metrics::MetricsSource> forwarderSource(
+    const worker::forwarder::ForwarderCounters& forwarder, bool toStdout);
 
 }  // namespace vantrelo::app

@@ -4,6 +4,7 @@
 #include <optional>
 #include <string>
 
+#include "app/kafka_support.h"
 #include "app/platform.h"
 #include "base/error.h"
 #include "base/log.h"
@@ -145,6 +146,7 @@ void readForwarderSettings(const AgentConfig& config, bool toStdout,
                            std::vector<worker::forwarder::ForwarderSettings>& forwarders) {
   for (const std::string& text : config.lookupAll("forwarder")) {
     forwarders.push_back(worker::forwarder::parse(text));
+    checkForwarderSupported(forwarders.back());
     if (toStdout) forwarders.back().toStdout = true;
   }
 }

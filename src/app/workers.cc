@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "app/entry.h"
+#include "app/kafka_support.h"
 #include "app/metrics_sources.h"
 #include "app/process_state.h"
 #include "worker/background_logger.h"
@@ -29,6 +30,14 @@ class LoggerWorker : public Worker {
 std::unique_ptr<Worker> AgentWorkers::createForwarder(
     uint32_t id, const worker::forwarder::ForwarderSettings& settings,
     event::queue::EventQueue& queue, const format::MessageSettings& formatter) {
+  // In standard-output mode every forwarder prints instead of sending, Kafka ones included.
+  if (settings.kafka.enabled && !settings.toStdout) {
+    const worker::forwarder::ForwarderCounters* counters = nullptr;
+    auto worker = createKafkaForwarder(id, settings, queue, formatter, counters);
+    forwarders_.push_back(counters);
+    sources_.push_back(forwarderSource(*counters, false));
+    return worker;
+  }
   auto forwarder = std::make_unique<worker::forwarder::Forwarder>(id, settings, queue, formatter);
   forwarders_.push_back(forwarder.get());
   sources_.push_back(forwarderSource(*forwarder, settings.toStdout));
@@ -68,7 +77,7 @@ std::unique_ptr<Worker> AgentWorkers::createMetricsEndpoint(
 
 void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
                     event::queue::EventQueue& queue,
-                    const std::vector<worker::forwarder::Forwarder*>& forwarders,
+                    const std::vector<const worker::forwarder::ForwarderCounters*>& forwarders,
                     format::MetricsSnapshot& snapshot) {
   snapshot.listeners.resize(listeners.size());
   for (size_t i = 0; i < listeners.size(); ++i) listeners[i]->metrics(snapshot.listeners[i]);

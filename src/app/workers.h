@@ -36,7 +36,7 @@ class AgentWorkers : public WorkerFactory {
                                                 event::queue::EventQueue& queue) override;
 
  private:
-  std::vector<worker::forwarder::Forwarder*> forwarders_;
+  std::vector<const worker::forwarder::ForwarderCounters*> forwarders_;
   std::vector<worker::listener::Listener*> listeners_;
   std::vector<std::unique_ptr<metrics::MetricsSource>> sources_;
 };
@@ -44,7 +44,7 @@ class AgentWorkers : public WorkerFactory {
 // Fills `snapshot` from the workers' counters and the queue's.
 void collectMetrics(const std::vector<worker::listener::Listener*>& listeners,
                     event::queue::EventQueue& queue,
-                    const std::vector<worker::forwarder::Forwarder*>& forwarders,
+                    const std::vector<const worker::forwarder::ForwarderCounters*>& forwarders,
                     format::MetricsSnapshot& snapshot);
 
 }  // namespace vantrelo::app

@@ -190,11 +190,18 @@ void writeQueue(GroupWriter& writer, const QueueMetrics& queue) {
 void writeForwarder(GroupWriter& writer, const ForwarderMetrics& forwarder) {
   writer.open("forwarder");
   writer.number("id", forwarder.id);
-  writer.text("type", familyName(forwarder.is_ipv6));
-  writer.text("host", forwarder.host);
-  writer.number("port", forwarder.port);
+  if (forwarder.is_kafka) {
+    writer.text("type", "kafka");
+    writer.text("brokers", forwarder.host);
+    writer.text("topic", forwarder.topic);
+  } else {
+    writer.text("type", familyName(forwarder.is_ipv6));
+    writer.text("host", forwarder.host);
+    writer.number("port", forwarder.port);
+  }
   writer.text("state", forwarder.connected ? "connected" : "not-connected");
   writeCounters(writer, forwarder, kForwarderCounters);
+  if (forwarder.is_kafka) writer.number("deliveryFailures", forwarder.delivery_failures);
   writer.close();
 }
 

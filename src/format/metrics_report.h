@@ -84,6 +84,11 @@ struct ForwarderMetrics {
   uint64_t events_sent = 0;
   uint64_t connects = 0;
   uint64_t dnstap_errors = 0;
+  // A Kafka forwarder: `host` holds its broker list, `port` is unused, and records that failed
+  // for good are counted apart from the others.
+  bool is_kafka = false;
+  std::string topic = {};
+  uint64_t delivery_failures = 0;
 };
 
 // Listeners and forwarders in configuration order.

@@ -102,6 +102,9 @@ const FilterReason kFilterReasons[] = {
 
 const MetricFamily kForwarderConnected{"vantrelo_forwarder_connected", C::kGauge,
                                        "1 while the forwarder is connected to its collector."};
+const MetricFamily kDeliveryFailures{
+    "vantrelo_forwarder_delivery_failures_total", C::kCounter,
+    "Records a Kafka forwarder's brokers did not take in time; returned or, with drop, lost."};
 const MetricFamily kBuildInfo{"vantrelo_build_info", C::kGauge,
                               "Always 1; the version is in the label."};
 const MetricFamily kProcessStart{"process_start_time_seconds", C::kGauge,
@@ -173,6 +176,10 @@ void appendListener(ExpositionWriter& out, const format::ListenerMetrics& listen
 }
 
 ForwarderLabels forwarderLabels(const format::ForwarderMetrics& forwarder) {
+  // A Kafka forwarder's target is its broker list and topic.
+  if (forwarder.is_kafka) {
+    return {std::to_string(forwarder.id), "kafka", forwarder.host + "/" + forwarder.topic};
+  }
   return {std::to_string(forwarder.id), std::string(familyName(forwarder.is_ipv6)),
           hostPort(forwarder.host, forwarder.port, forwarder.is_ipv6)};
 }
@@ -186,6 +193,11 @@ void appendForwarder(ExpositionWriter& out, const format::ForwarderMetrics& forw
   out.add(kForwarderConnected,
           {{"id", labels.id}, {"type", labels.type}, {"target", labels.target}},
           uint64_t{forwarder.connected ? 1u : 0u});
+  if (forwarder.is_kafka) {
+    out.add(kDeliveryFailures,
+            {{"id", labels.id}, {"type", labels.type}, {"target", labels.target}},
+            forwarder.delivery_failures);
+  }
 }
 
 void appendProcess(ExpositionWriter& out, std::string_view version, double startTimeSeconds) {

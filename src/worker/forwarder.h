@@ -33,12 +33,13 @@
 #include "net/fstrm_socket.h"
 #include "net/socket.h"
 #include "net/tls_socket.h"
+#include "worker/forwarder_counters.h"
 #include "worker/forwarder_settings.h"
 #include "worker/sent_batches.h"
 
 namespace vantrelo::worker::forwarder {
 
-class Forwarder {
+class Forwarder : public ForwarderCounters {
  public:
   // `output` receives the batches in standard-output mode (the process's standard output
   // unless a caller wants them elsewhere).
@@ -62,7 +63,7 @@ class Forwarder {
   uint64_t eventsSent() const { return eventsSent_.load(); }
   uint64_t dnstapErrors() const { return dnstapErrors_.load(); }
 
-  void metrics(format::ForwarderMetrics& out) const;
+  void metrics(format::ForwarderMetrics& out) const override;
 
  private:
   std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }

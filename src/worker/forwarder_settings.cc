@@ -12,6 +12,7 @@ namespace {
 constexpr int32_t kUnbounded = std::numeric_limits<int32_t>::max();
 constexpr int32_t kMaxTimeout = 120;
 constexpr int32_t kMaxPort = 65535;
+constexpr char kKafkaType[] = "kafka";
 
 struct TypeName {
   const char* name;
@@ -141,6 +142,38 @@ const OptionRule* findOption(const std::string& name) {
   return nullptr;
 }
 
+void applyOption(ForwarderSettings& settings, const std::string& name, const std::string& value) {
+  if (settings.kafka.enabled) {
+    const KafkaOption result = applyKafkaOption(settings, name, value);
+    if (result == KafkaOption::kApplied) return;
+    if (result == KafkaOption::kRefused) throw ForwarderError("Invalid " + name + " option");
+    if (!kafkaSharesOption(name)) throw ForwarderError("Unknown parameter '" + name + "'");
+  }
+  const OptionRule* rule = findOption(name);
+  if (rule == nullptr) throw ForwarderError("Unknown parameter '" + name + "'");
+  if (!rule->apply(settings, value)) throw ForwarderError("Invalid " + name + " option");
+}
+
+void readOptions(ValueReader& reader, ForwarderSettings& settings) {
+  std::string name;
+  std::string value;
+  for (;;) {
+    const ValueReader::Option result = reader.nextOption(name, value);
+    if (result == ValueReader::Option::kEnd) return;
+    if (result != ValueReader::Option::kFound) {
+      throw ForwarderError("Invalid parameter '" + name + "'");
+    }
+    applyOption(settings, name, value);
+  }
+}
+
+ForwarderSettings parseKafka(ValueReader& reader, ForwarderSettings& settings) {
+  parseBrokers(reader.nextWord(), settings.kafka);
+  readOptions(reader, settings);
+  checkKafkaSettings(settings.kafka);
+  return settings;
+}
+
 }  // namespace
 
 ForwarderSettings parse(const std::string& value) {
@@ -149,6 +182,7 @@ ForwarderSettings parse(const std::string& value) {
   ValueReader reader(value);
 
   const std::string type = toLower(reader.nextWord());
+  if (type == kKafkaType) return parseKafka(reader, settings);
   const TypeName* found = nullptr;
   for (const TypeName& entry : kTypes) {
     if (type == entry.name) found = &entry;
@@ -167,18 +201,7 @@ ForwarderSettings parse(const std::string& value) {
   // an option names another one.
   settings.tls.server_name = std::move(host);
 
-  std::string name;
-  std::string optionValue;
-  for (;;) {
-    const ValueReader::Option result = reader.nextOption(name, optionValue);
-    if (result == ValueReader::Option::kEnd) break;
-    if (result != ValueReader::Option::kFound) {
-      throw ForwarderError("Invalid parameter '" + name + "'");
-    }
-    const OptionRule* rule = findOption(name);
-    if (rule == nullptr) throw ForwarderError("Unknown parameter '" + name + "'");
-    if (!rule->apply(settings, optionValue)) throw ForwarderError("Invalid " + name + " option");
-  }
+  readOptions(reader, settings);
   return settings;
 }
 

@@ -6,6 +6,7 @@
 
 #include "base/error.h"
 #include "net/net_settings.h"
+#include "worker/kafka_settings.h"
 
 namespace vantrelo::worker::forwarder {
 
@@ -19,9 +20,11 @@ struct ForwarderSettings {
   net::tls::TlsSettings tls;
   net::fstrm::FstrmSettings fstrm;
   bool toStdout = false;  // set for every forwarder by run-stdout; no option sets it
+  KafkaSettings kafka;    // enabled for the `kafka` type, which writes to Kafka brokers
 };
 
-// Parses one forwarder value: "<type> <host> <port> name=value...". Throws ForwarderError.
+// Parses one forwarder value: "<type> <host> <port> name=value...", or for the `kafka` type
+// "kafka <host:port>[,<host:port>...] name=value...". Throws ForwarderError.
 ForwarderSettings parse(const std::string& value);
 
 }  // namespace vantrelo::worker::forwarder

@@ -11,6 +11,15 @@
 namespace vantrelo::app::config {
 namespace {
 
+// The Windows build carries no Kafka client and refuses a kafka forwarder when reading it.
+#ifdef _WIN32
+constexpr char kKafkaVerdict[] =
+    "Kafka forwarders are not available in the Windows build: forward dnstap to a Linux "
+    "vantrelo relay that writes to Kafka";
+#else
+constexpr char kKafkaVerdict[] = "(accepted)";
+#endif
+
 AgentConfig configOf(const std::string& text) {
   AgentConfig config;
   config.readText(text);
@@ -75,6 +84,8 @@ TEST(SettingsReaderTest, RefusedValuesAndTheirMessages) {
       // The listener's own option errors come before anything ETW.
       {"listener etw keepalive=5", "Unknown parameter 'keepalive'"},
       {"metrics-interval 10s", "(accepted)"},
+      {"forwarder kafka k1:9092 topic=dns", kKafkaVerdict},
+      {"forwarder kafka k1:9092 topic=dns acks=2", "Invalid acks option"},
       {"message-syslog-format none", "(accepted)"},
   };
   for (const Case& c : cases) EXPECT_EQ(firstError(c.text), c.message) << c.text;

@@ -32,12 +32,23 @@ std::vector<Case> cases() {
   // Forwarder: id, is_ipv6, host, port, connected, bytes and events sent, connects, dnstap errors.
   each.forwarders = {{0, false, "127.0.0.1", 514, true, 123456, 1000, 3, 7},
                      {1, true, "2001:db8::5", 514, false, 123456, 1000, 3, 7}};
+  MetricsSnapshot kafka;
+  // A Kafka forwarder: brokers in `host`, then its topic and delivery failures.
+  kafka.forwarders = {{2, false, "k1:9092,k2:9092", 0, true, 900, 10, 1, 0, true, "dns", 4}};
   // Filter counters show only for the rules that are set.
   MetricsSnapshot filtered;
   FilterMetrics rules = {true, false, true, true, false, 5, 0, 6, 7, 0};
   filtered.listeners = {{0, true, false, false, "", "", 0, 0, 0, 0, {}, {}, rules},
                         {1, false, false, false, "", "127.0.0.1", 6000, 0, 0, 0, {}, {}, rules}};
   return {
+      {kafka,
+       "queue[type=message eventsProcessed=0 eventsQueued=0 eventsDropped=0] forwarder[id=2 "
+       "type=kafka brokers=k1:9092,k2:9092 topic=dns state=connected connects=1 bytesSent=900 "
+       "eventsSent=10 dnstapErrors=0 deliveryFailures=4]",
+       R"({"listeners":[],"receivers":[],"queue":{"eventsProcessed":0,"eventsQueued":0,)"
+       R"("eventsDropped":0},"forwarders":[{"id":2,"type":"kafka","brokers":"k1:9092,k2:9092",)"
+       R"("topic":"dns","state":"connected","connects":1,"bytesSent":900,"eventsSent":10,)"
+       R"("dnstapErrors":0,"deliveryFailures":4}]})"},
       {filtered,
        "listener[id=0 type=etw numberOfBuffers=0 freeBuffers=0 eventsLost=0 buffersWritten=0 "
        "logBuffersLost=0 realTimeBuffersLost=0 droppedByDomain=5 droppedByType=6 sampledOut=7] "
@@ -93,11 +104,11 @@ TEST(MetricsReportTest, BothLayouts) {
     testing::jsonLines() << json << "\n";
   }
   // clear() empties every group for the next report.
-  MetricsSnapshot snapshot = std::get<0>(cases()[2]);
+  MetricsSnapshot snapshot = std::get<0>(cases()[3]);
   snapshot.clear();
   std::string kv;
   formatReport(snapshot, false, kv);
-  EXPECT_EQ(kv, std::get<1>(cases()[1]));
+  EXPECT_EQ(kv, std::get<1>(cases()[2]));
 }
 
 }  // namespace

@@ -57,9 +57,12 @@ TEST(AgentSeriesTest, SamplesOfEachRecord) {
   unixListener.is_unix = true;
   unixListener.path = "/run/a\"b.sock";
   format::ForwarderMetrics forwarder{0, false, "collector.example", 514, true, 5000, 50, 2, 1};
+  format::ForwarderMetrics kafka{1,     false, "k1:9092,k2:9092", 0, false, 10, 1, 3, 0, true,
+                                 "dns", 7};
 
   ExpositionWriter writer;
   appendForwarder(writer, forwarder);
+  appendForwarder(writer, kafka);
   appendListener(writer, tcp);
   appendQueue(writer, {10, 8, 1, 1, 120, 4096});
   appendListener(writer, etw);
@@ -73,6 +76,7 @@ TEST(AgentSeriesTest, SamplesOfEachRecord) {
   const char* expected[] = {
       R"(vantrelo_forwarder_events_sent_total{id="0",type="ipv4",target="collector.example:514"} 50)",
       R"(vantrelo_forwarder_connected{id="0",type="ipv4",target="collector.example:514"} 1)",
+      R"(vantrelo_forwarder_delivery_failures_total{id="1",type="kafka",target="k1:9092,k2:9092/dns"} 7)",
       R"(vantrelo_listener_accepts_total{id="1",type="ipv6",address="[::1]:6000"} 7)",
       R"(vantrelo_listener_peak_receivers{id="2",type="unix",address="/run/a\"b.sock"} 0)",
       R"(vantrelo_receiver_bytes_received_total{listener="1",id="4",peer="127.0.0.1:40000"} 3400)",
@@ -87,8 +91,9 @@ TEST(AgentSeriesTest, SamplesOfEachRecord) {
   for (const char* line : expected) {
     EXPECT_NE(std::find(samples.begin(), samples.end(), line), samples.end()) << line;
   }
-  // 5 forwarder, 2 x 3 listener, 2 receiver, 6 queue, 6 ETW, 1 filter and 2 process samples.
-  EXPECT_EQ(samples.size(), 28u);
+  // 5 + 6 forwarder (Kafka: delivery failures too), 2 x 3 listener, 2 receiver, 6 queue, 6 ETW,
+  // 1 filter and 2 process samples.
+  EXPECT_EQ(samples.size(), 34u);
 }
 
 TEST(AgentSeriesTest, EscapingAndSpecialValues) {
