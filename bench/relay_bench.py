@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Side-by-side relay throughput on loopback, one input for all.
+"""Side-by-side relay throughput and CPU cost on loopback, one input for all.
 
 The load generator writes one Frame Streams file; fstrm_replay sends it to
 each receiver in turn:
@@ -10,10 +10,15 @@ each receiver in turn:
   dnstap tool json   `dnstap -l ADDR -j`, its output counted and discarded
   fstrm_capture      writing the raw frames to a file: the floor cost of
                      receiving
+  N senders          N fstrm_replay at once into one vantrelo listener, two
+                     forwarders relaying dnstap out (N = 1, 2, 4)
 
 A run's time is from the start of the replay until the sink has counted
-every event (for fstrm_capture: until fstrm_replay has its FINISH). Prints
-events per second for each and vantrelo's ratios to the two peers.
+every event (for fstrm_capture: until fstrm_replay has its FINISH). A run's
+CPU time is the receiving process's user + system time over the same span,
+read from /proc/PID/stat. Each contender runs --repeat times; the best time
+and the lowest CPU per event count. Ends with the ratios the relay is held
+to.
 
 Then the Kafka forwarder into a mock cluster (tools/vantrelo-kafka-mock,
 three brokers in one process that also reads every record back): events per
@@ -24,6 +29,7 @@ Needs fstrm-bin and the dnstap CLI (scripts/install-deps --with-peers).
 """
 
 import argparse
+import functools
 import os
 import signal
 import socket
@@ -31,17 +37,43 @@ import struct
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 LOOPBACK = "127.0.0.1"
 CONTENT_TYPE = "protobuf:dnstap.Dnstap"
+FSTRM_START, FSTRM_READY, FSTRM_ACCEPT = 2, 4, 1
+TICKS = os.sysconf("SC_CLK_TCK")
 
 
 def free_port():
     with socket.socket() as probe:
         probe.bind((LOOPBACK, 0))
         return probe.getsockname()[1]
+
+
+def cpu_seconds(pid):
+    """User + system time of a process, all its threads, in seconds."""
+    with open("/proc/%d/stat" % pid) as handle:
+        fields = handle.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / TICKS
+
+
+@functools.lru_cache(maxsize=None)
+def data_bytes(path):
+    """Bytes of the data frames of a Frame Streams file, length fields included."""
+    with open(path, "rb") as handle:
+        buffer = handle.read()
+    total, offset = 0, 0
+    while offset + 4 <= len(buffer):
+        length = struct.unpack_from(">I", buffer, offset)[0]
+        if length == 0:
+            offset += 8 + struct.unpack_from(">I", buffer, offset + 4)[0]
+            continue
+        offset += 4 + length
+        total += 4 + length
+    return total
 
 
 # --- sinks (run as child processes: python3 relay_bench.py --sink ...) ------
@@ -54,71 +86,81 @@ def _control(kind, content_type=None):
     return struct.pack(">II", 0, len(body)) + body
 
 
-def _count_frames(conn, count):
-    """Counts data frames; answers READY and STOP. Returns at count."""
+def _skip_handshake(conn):
+    """Answers READY, reads up to START; returns the bytes read beyond it."""
     buffer = bytearray()
-    seen = 0
-    while seen < count:
-        chunk = conn.recv(1 << 20)
-        if not chunk:
-            break
-        buffer += chunk
-        offset = 0
-        while len(buffer) - offset >= 4:
-            length = struct.unpack_from(">I", buffer, offset)[0]
-            if length == 0:
-                if len(buffer) - offset < 8:
-                    break
-                size = struct.unpack_from(">I", buffer, offset + 4)[0]
-                if len(buffer) - offset < 8 + size:
-                    break
-                kind = struct.unpack_from(">I", buffer, offset + 8)[0]
-                if kind == 4:
-                    conn.sendall(_control(1, CONTENT_TYPE.encode()))
-                offset += 8 + size
+    while True:
+        if len(buffer) >= 8 and buffer[:4] == b"\0\0\0\0":
+            end = 8 + struct.unpack_from(">I", buffer, 4)[0]
+            if len(buffer) >= end:
+                kind = struct.unpack_from(">I", buffer, 8)[0]
+                del buffer[:end]
+                if kind == FSTRM_READY:
+                    conn.sendall(_control(FSTRM_ACCEPT, CONTENT_TYPE.encode()))
+                if kind == FSTRM_START:
+                    return len(buffer)
                 continue
-            if len(buffer) - offset < 4 + length:
-                break
-            offset += 4 + length
-            seen += 1
-        del buffer[:offset]
-    return seen
+        chunk = conn.recv(1 << 16)
+        if not chunk:
+            return len(buffer)
+        buffer += chunk
 
 
-def run_sink(mode, port, count):
-    """Counts `count` lines or frames, then prints the wall-clock time."""
+class _Counter:
+    """What every connection of a sink has delivered; `done` set at the goal."""
+
+    def __init__(self, goal, count_lines):
+        self.goal, self.count_lines = goal, count_lines
+        self.value, self.lock, self.done = 0, threading.Lock(), threading.Event()
+
+    def add(self, amount):
+        with self.lock:
+            self.value += amount
+            if self.value >= self.goal:
+                self.done.set()
+
+    def serve(self, conn):
+        # Data frames are counted by their bytes: the forwarder sends nothing
+        # but data frames between START and STOP, and walking them one by
+        # one here would make the sink the bottleneck.
+        if not self.count_lines:
+            self.add(_skip_handshake(conn))
+        while True:
+            chunk = conn.recv(1 << 20)
+            if not chunk:
+                return
+            self.add(chunk.count(b"\n") if self.count_lines else len(chunk))
+
+
+def run_sink(mode, port, goal):
+    """Counts `goal` lines or data bytes, then prints the wall-clock time."""
     if mode == "stdin-lines":
         seen = 0
-        while seen < count:
+        while seen < goal:
             chunk = sys.stdin.buffer.read1(1 << 20)
             if not chunk:
                 break
             seen += chunk.count(b"\n")
         print("%.6f %d" % (time.time(), seen), flush=True)
         return
+    counter = _Counter(goal, mode == "lines")
     server = socket.socket()
     server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
     server.bind((LOOPBACK, port))
-    server.listen(1)
+    server.listen(8)
     print("ready", flush=True)
-    conn, _ = server.accept()
-    if mode == "frames":
-        seen = _count_frames(conn, count)
-    else:
-        seen = 0
-        while seen < count:
-            chunk = conn.recv(1 << 20)
-            if not chunk:
-                break
-            seen += chunk.count(b"\n")
-    print("%.6f %d" % (time.time(), seen), flush=True)
-    # Keep the connection until the agent stops, so it sees no error.
-    conn.settimeout(30)
-    try:
-        while conn.recv(1 << 20):
-            pass
-    except OSError:
-        pass
+
+    def accept_loop():
+        # Connections stay open until the agent stops, so it sees no error.
+        while True:
+            conn, _ = server.accept()
+            threading.Thread(target=counter.serve, args=(conn,),
+                             daemon=True).start()
+
+    threading.Thread(target=accept_loop, daemon=True).start()
+    counter.done.wait()
+    print("%.6f %d" % (time.time(), counter.value), flush=True)
+    sys.stdin.read()  # until the bench closes the pipe
 
 
 # --- the bench ---------------------------------------------------------------
@@ -136,25 +178,30 @@ def wait_listening(port, process, timeout=10):
     raise RuntimeError("nothing listening on port %d" % port)
 
 
-def replay(path, port):
-    subprocess.run(["fstrm_replay", "-t", CONTENT_TYPE, "-r", path, "-a",
-                    LOOPBACK, "-p", str(port)], check=True,
-                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+def replay(path, port, senders=1):
+    argv = ["fstrm_replay", "-t", CONTENT_TYPE, "-r", path, "-a", LOOPBACK,
+            "-p", str(port)]
+    running = [subprocess.Popen(argv, stdout=subprocess.DEVNULL,
+                                stderr=subprocess.DEVNULL)
+               for _ in range(senders)]
+    for sender in running:
+        if sender.wait() != 0:
+            raise RuntimeError("fstrm_replay failed")
 
 
-def start_sink(mode, port, count, stdin=None):
+def start_sink(mode, port, goal, stdin=subprocess.PIPE):
     sink = subprocess.Popen([sys.executable, __file__, "--sink", mode,
-                             str(port), str(count)], stdin=stdin,
+                             str(port), str(goal)], stdin=stdin,
                             stdout=subprocess.PIPE, text=True)
     if mode != "stdin-lines":
         sink.stdout.readline()  # "ready"
     return sink
 
 
-def finish_time(sink, count):
+def finish_time(sink, goal):
     stamp, seen = sink.stdout.readline().split()
-    if int(seen) != count:
-        raise RuntimeError("sink counted %s of %d events" % (seen, count))
+    if int(seen) < goal:
+        raise RuntimeError("sink counted %s of %d" % (seen, goal))
     return float(stamp)
 
 
@@ -168,24 +215,32 @@ def stop(process):
             process.wait()
 
 
-def bench_vantrelo(build, path, count, fmt, workdir):
+def timed(process, port, run_replay, finished):
+    """(seconds, CPU seconds of process) from the replay until finished()."""
+    wait_listening(port, process)
+    cpu = cpu_seconds(process.pid)
+    start = time.time()
+    run_replay()
+    end = finished()
+    return end - start, cpu_seconds(process.pid) - cpu
+
+
+def bench_vantrelo(build, path, count, fmt, workdir, senders=1, forwarders=1):
     port, sink_port = free_port(), free_port()
-    sink = start_sink("frames" if fmt == "dnstap" else "lines", sink_port,
-                      count)
+    goal = (data_bytes(path) if fmt == "dnstap" else count) * senders
+    sink = start_sink("frames" if fmt == "dnstap" else "lines", sink_port, goal)
     config = os.path.join(workdir, "bench.conf")
+    forwarder = "forwarder ipv4 %s %d batch-size=100\n" % (LOOPBACK, sink_port)
     with open(config, "w") as handle:
-        handle.write("listener ipv4 %s %d\nforwarder ipv4 %s %d "
-                     "batch-size=100\nmessage-format %s\n"
+        handle.write("listener ipv4 %s %d\n%smessage-format %s\n"
                      "message-queue-recovery off\nmetrics-interval 3600\n" %
-                     (LOOPBACK, port, LOOPBACK, sink_port, fmt))
+                     (LOOPBACK, port, forwarder * forwarders, fmt))
     agent = subprocess.Popen([os.path.join(build, "src/app/vantrelo"), "run",
                               config], stdout=subprocess.DEVNULL,
                              stderr=subprocess.DEVNULL)
     try:
-        wait_listening(port, agent)
-        start = time.time()
-        replay(path, port)
-        return finish_time(sink, count) - start
+        return timed(agent, port, lambda: replay(path, port, senders),
+                     lambda: finish_time(sink, goal))
     finally:
         stop(agent)
         stop(sink)
@@ -199,10 +254,8 @@ def bench_dnstap_tool(path, count):
     sink = start_sink("stdin-lines", 0, count, stdin=tool.stdout)
     tool.stdout.close()
     try:
-        wait_listening(port, tool)
-        start = time.time()
-        replay(path, port)
-        return finish_time(sink, count) - start
+        return timed(tool, port, lambda: replay(path, port),
+                     lambda: finish_time(sink, count))
     finally:
         stop(tool)
         stop(sink)
@@ -216,10 +269,7 @@ def bench_fstrm_capture(path, workdir):
                                stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL)
     try:
-        wait_listening(port, capture)
-        start = time.time()
-        replay(path, port)
-        return time.time() - start
+        return timed(capture, port, lambda: replay(path, port), time.time)
     finally:
         stop(capture)
 
@@ -280,7 +330,7 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--build", default=os.path.join(ROOT, "build"),
                         help="build tree with vantrelo and vantrelo-loadgen")
-    parser.add_argument("--events", type=int, default=200000)
+    parser.add_argument("--events", type=int, default=500000)
     parser.add_argument("--repeat", type=int, default=3,
                         help="runs per contender; the best one counts")
     parser.add_argument("--kafka-only", action="store_true",
@@ -297,33 +347,53 @@ def main():
                         "--seed", "1", "--start-time", "1700000000"],
                        check=True, stdout=subprocess.DEVNULL)
         size = os.path.getsize(path)
-        print("input: %d events, %d bytes (%.0f bytes per event)\n" %
-              (args.events, size, size / args.events))
+        print("input: %d events, %d bytes (%.0f bytes per event); "
+              "load average %.2f %.2f %.2f on %d cores; best of %d\n" %
+              ((args.events, size, size / args.events) + os.getloadavg() +
+               (os.cpu_count(), args.repeat)))
+        n = args.events
         contenders = [
-            ("vantrelo json", lambda: bench_vantrelo(
-                args.build, path, args.events, "json", workdir)),
-            ("vantrelo querylog", lambda: bench_vantrelo(
-                args.build, path, args.events, "querylog", workdir)),
-            ("vantrelo dnstap", lambda: bench_vantrelo(
-                args.build, path, args.events, "dnstap", workdir)),
-            ("dnstap tool json", lambda: bench_dnstap_tool(path,
-                                                            args.events)),
-            ("fstrm_capture", lambda: bench_fstrm_capture(path, workdir)),
-        ]
+            ("vantrelo json", n, lambda: bench_vantrelo(
+                args.build, path, n, "json", workdir)),
+            ("vantrelo querylog", n, lambda: bench_vantrelo(
+                args.build, path, n, "querylog", workdir)),
+            ("vantrelo dnstap", n, lambda: bench_vantrelo(
+                args.build, path, n, "dnstap", workdir)),
+            ("dnstap tool json", n, lambda: bench_dnstap_tool(path, n)),
+            ("fstrm_capture", n, lambda: bench_fstrm_capture(path, workdir)),
+        ] + [("%d sender%s" % (s, "s" if s > 1 else ""), n * s,
+              lambda s=s: bench_vantrelo(args.build, path, n, "dnstap",
+                                         workdir, s, 2))
+             for s in (1, 2, 4)]
         if args.kafka_only:
             kafka_section(args, path, workdir)
             return
-        rates = {}
-        for name, run in contenders:
-            best = min(run() for _ in range(args.repeat))
-            rates[name] = args.events / best
-            print("%-18s %10.0f events/s  (%.3f s)" % (name, rates[name],
-                                                       best), flush=True)
-        print()
+        rates, cpu = {}, {}
+        for name, events, run in contenders:
+            runs = [run() for _ in range(args.repeat)]
+            best = min(seconds for seconds, _ in runs)
+            rates[name] = events / best
+            cpu[name] = min(used for _, used in runs) / events * 1e6
+            print("%-18s %10.0f events/s  (%.3f s)  %6.2f CPU us/event" %
+                  (name, rates[name], best, cpu[name]), flush=True)
+        print("\nload average after: %.2f %.2f %.2f\n" % os.getloadavg())
         for ours in ("vantrelo json", "vantrelo querylog", "vantrelo dnstap"):
             print("%-18s %5.2fx the dnstap tool, %5.2fx fstrm_capture" %
                   (ours, rates[ours] / rates["dnstap tool json"],
                    rates[ours] / rates["fstrm_capture"]))
+        print()
+        checks = [
+            ("dnstap relay rate / fstrm_capture rate",
+             rates["vantrelo dnstap"] / rates["fstrm_capture"], ">=", 0.7),
+            ("JSON relay rate / dnstap tool rate",
+             rates["vantrelo json"] / rates["dnstap tool json"], ">=", 10),
+            ("dnstap relay CPU / fstrm_capture CPU per event",
+             cpu["vantrelo dnstap"] / cpu["fstrm_capture"], "<=", 1.5),
+        ]
+        for what, ratio, sense, bound in checks:
+            met = ratio >= bound if sense == ">=" else ratio <= bound
+            print("%-48s %6.2f  (goal %s %g: %s)" %
+                  (what, ratio, sense, bound, "met" if met else "NOT met"))
         print()
         kafka_section(args, path, workdir)
 

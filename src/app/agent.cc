@@ -79,7 +79,7 @@ void startWorkers(Run& run) {
 void stopWorkers(Run& run) {
   for (auto& worker : run.listeners) worker->requestStop();
   for (auto& worker : run.forwarders) worker->requestStop();
-  // A forwarder waiting for events sleeps in the queue's untimed wait; wake it to see its flag.
+  // A forwarder waiting for events sleeps in the queue's wait; wake it to see its flag now.
   run.queue->wakeAll();
   if (run.backgroundLogger) run.backgroundLogger->requestStop();
   if (run.metricsEndpoint) run.metricsEndpoint->requestStop();

@@ -9,10 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 namespace vantrelo::net::dns {
@@ -38,14 +36,31 @@ class DomainSuffixes {
   size_t configured_size() const { return configured_.size(); }
 
  private:
-  // Lets the sets be searched with a string_view into the name without building a string.
-  struct TransparentHash {
-    using is_transparent = void;
-    size_t operator()(std::string_view text) const noexcept {
-      return std::hash<std::string_view>{}(text);
-    }
+  // A set of texts searched with a string_view into the name, without building a string. Every
+  // suffix of every printed name is looked up, most of them in vain, so a lookup is one hash and
+  // a short walk over a flat table of stored hashes: no division, no pointer chasing.
+  class SuffixSet {
+   public:
+    void clear();
+    void reserve(size_t count);
+    void insert(std::string text);
+    bool contains(std::string_view text) const;
+    size_t size() const { return texts_.size(); }
+    bool empty() const { return texts_.empty(); }
+
+   private:
+    struct Slot {
+      size_t hash = 0;
+      uint32_t text = 0;  // 1 + index into texts_; 0 marks a free slot
+    };
+    // Grows slots_ so that `count` texts leave it at most half full.
+    void makeRoom(size_t count);
+    // Puts texts_[index] into a free slot of slots_, which has room.
+    void place(size_t hash, uint32_t index);
+
+    std::vector<std::string> texts_;
+    std::vector<Slot> slots_;  // a power of two long, at most half full
   };
-  using SuffixSet = std::unordered_set<std::string, TransparentHash, std::equal_to<>>;
 
   static void insert(SuffixSet& set, std::string_view text, bool trailing_dot);
 

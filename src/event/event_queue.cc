@@ -44,6 +44,13 @@ void EventQueue::advanceRead(uint64_t count) {
   }
 }
 
+void EventQueue::restartIfEmpty() {
+  // A queue that keeps up then reuses the same few pages, warm in the cache, instead of walking
+  // the whole ring and touching each page of it for the first time. Which events stay and which
+  // are dropped depends only on the bytes in use, so nothing else changes.
+  if (empty()) readIndex_ = writeIndex_ = 0;
+}
+
 void EventQueue::write(const uint8_t* data, uint64_t length) {
   uint64_t first = options_.size - writeIndex_;
   if (length < first) {
@@ -61,11 +68,10 @@ void EventQueue::write(const uint8_t* data, uint64_t length) {
 void EventQueue::dropOldest() {
   advanceRead(uint64_t{lengthAtRead()} + kLengthBytes);
   dropped_.fetch_add(1);
-  // count_ only changes under the data mutex, so the test and the decrement cannot race.
-  if (count_.load() > 0) count_.fetch_sub(1);
+  if (queued_ > 0) --queued_;
 }
 
-void EventQueue::push(const uint8_t* data, uint32_t length) {
+void EventQueue::checkFits(uint32_t length) const {
   const uint64_t needed = uint64_t{length} + kLengthBytes;
   if (needed > options_.size) {
     throw QueueError("value length " + std::to_string(length) +
@@ -75,23 +81,56 @@ void EventQueue::push(const uint8_t* data, uint32_t length) {
     throw QueueError("value length " + std::to_string(length) +
                      " is larger than the maximum allowed of " + std::to_string(kMaxEventLength));
   }
+}
+
+void EventQueue::append(const uint8_t* data, uint32_t length) {
+  const uint64_t needed = uint64_t{length} + kLengthBytes;
   const uint8_t header[kLengthBytes] = {static_cast<uint8_t>(length >> 16),
                                         static_cast<uint8_t>(length >> 8),
                                         static_cast<uint8_t>(length)};
-  std::lock_guard<std::mutex> lock(dataMutex_);
   // Dropping before writing frees exactly the events that writing byte by byte would have
   // overwritten: the oldest ones, as few as give the new event room.
   while (options_.size - usedBytes() < needed) dropOldest();
   write(header, kLengthBytes);
   write(data, length);
-  count_.fetch_add(1);
-  pushed_.fetch_add(1);
-  condition_.notify_one();
+  ++queued_;
 }
 
-void EventQueue::pop(std::string& out) {
-  std::lock_guard<std::mutex> lock(dataMutex_);
-  if (empty()) return;
+void EventQueue::wakeOne(bool sleeping) {
+  // Notifying after the unlock spares the woken thread a futile wait for the mutex; a consumer
+  // that starts sleeping in between has checked the ring under the mutex and seen the event.
+  if (sleeping) condition_.notify_one();
+}
+
+void EventQueue::push(const uint8_t* data, uint32_t length) {
+  checkFits(length);
+  bool sleeping = false;
+  {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    append(data, length);
+    count_.store(queued_);
+    pushed_.fetch_add(1);
+    sleeping = sleepers_ > 0;
+  }
+  wakeOne(sleeping);
+}
+
+void EventQueue::pushBatch(const EventSpan* events, size_t count) {
+  size_t fitting = 0;
+  while (fitting < count && fits(events[fitting].length)) ++fitting;
+  bool sleeping = false;
+  if (fitting > 0) {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    for (size_t i = 0; i < fitting; ++i) append(events[i].data, events[i].length);
+    count_.store(queued_);
+    pushed_.fetch_add(fitting);
+    sleeping = sleepers_ > 0;
+  }
+  wakeOne(sleeping);
+  if (fitting < count) checkFits(events[fitting].length);
+}
+
+uint32_t EventQueue::take(std::string& out) {
   const uint32_t length = lengthAtRead();
   advanceRead(kLengthBytes);
   const uint64_t first = options_.size - readIndex_;
@@ -105,18 +144,60 @@ void EventQueue::pop(std::string& out) {
     readIndex_ = length - first;
     wrapped_ = false;
   }
-  if (count_.load() > 0) count_.fetch_sub(1);
+  return length;
+}
+
+void EventQueue::pop(std::string& out) {
+  std::lock_guard<std::mutex> lock(dataMutex_);
+  if (empty()) return;
+  take(out);
+  restartIfEmpty();
+  if (queued_ > 0) --queued_;
+  count_.store(queued_);
   popped_.fetch_add(1);
 }
 
-void EventQueue::wait() {
-  // Deliberately its own mutex and no predicate: a consumer treats the return as a hint and pops
-  // again, and the stop path calls wakeAll, so a missed notification only delays it.
-  std::unique_lock<std::mutex> lock(waitMutex_);
-  condition_.wait(lock);
+uint32_t EventQueue::popBatch(std::string& out, std::vector<uint32_t>& lengths, uint32_t most) {
+  uint32_t taken = 0;
+  bool sleeping = false;
+  {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    for (; taken < most && !empty(); ++taken) lengths.push_back(take(out));
+    if (taken == 0) return 0;
+    restartIfEmpty();
+    queued_ -= taken < queued_ ? taken : queued_;
+    count_.store(queued_);
+    popped_.fetch_add(taken);
+    // More than one batch was queued: another consumer can take the rest at the same time.
+    sleeping = sleepers_ > 0 && !empty();
+  }
+  wakeOne(sleeping);
+  return taken;
 }
 
-void EventQueue::wakeAll() { condition_.notify_all(); }
+bool EventQueue::waitFor(std::chrono::milliseconds timeout) {
+  // The ring is checked under the mutex pushes take, so an event pushed before the sleep is
+  // seen here and one pushed after it finds a sleeper to wake. The time-out bounds how late a
+  // stop flag set without wakeAll, or a wakeAll that came just before this call, is noticed.
+  const auto deadline = std::chrono::steady_clock::now() + timeout;
+  std::unique_lock<std::mutex> lock(dataMutex_);
+  const uint64_t generation = wakeGeneration_;
+  while (empty() && generation == wakeGeneration_) {
+    ++sleepers_;
+    const std::cv_status status = condition_.wait_until(lock, deadline);
+    --sleepers_;
+    if (status == std::cv_status::timeout) break;
+  }
+  return !empty();
+}
+
+void EventQueue::wakeAll() {
+  {
+    std::lock_guard<std::mutex> lock(dataMutex_);
+    ++wakeGeneration_;
+  }
+  condition_.notify_all();
+}
 
 void EventQueue::snapshot(uint64_t& processed, uint64_t& queued, uint64_t& dropped) {
   const uint64_t popped = popped_.load();

@@ -158,11 +158,12 @@ bool MessageFormatter::format(const MessageView& view, std::string& out) {
 bool MessageFormatter::formatEvent(const uint8_t* data, uint32_t size,
                                    encoding::dnstap::DnstapMessage& record, std::string& out) {
   record.decode(data, size, 0);
-  if (!make_view(record, view_)) return false;
   if (settings_.format == MessageFormat::kDnstap) {
+    if (!check_record(record)) return false;
     appendDnstapFrame(out, data, size);
     return true;
   }
+  if (!make_view(record, view_)) return false;
   return format(view_, out);
 }
 

@@ -39,4 +39,8 @@ struct MessageView {
 // not 0, 4 or 16 bytes long.
 bool make_view(const encoding::dnstap::DnstapMessage& record, MessageView& view);
 
+// The same verdict as make_view, with the same errors, without building the view: for output
+// that carries the record's bytes unchanged and prints none of its fields.
+bool check_record(const encoding::dnstap::DnstapMessage& record);
+
 }  // namespace vantrelo::format

@@ -13,8 +13,7 @@ namespace {
 constexpr uint32_t kEscape = 0;
 constexpr uint32_t kMinControlLength = 4;  // the control type alone
 constexpr uint32_t kContentTypeLength = sizeof kContentType - 1;
-// Read-ahead bound: one TLS record's worth, so most reads of a busy stream fill it at once.
-constexpr uint32_t kReadAheadSize = 16384;
+constexpr uint32_t kFrameLengthBytes = 4;
 
 void appendUint32(std::vector<uint8_t>& out, uint32_t value) {
   out.push_back(static_cast<uint8_t>(value >> 24));
@@ -82,6 +81,53 @@ uint32_t FstrmSocket::readUint32() {
   readBytes(bytes, sizeof bytes);
   return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
          static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
+}
+
+uint32_t FstrmSocket::bufferedUint32() const {
+  const uint8_t* bytes = readAhead_.data() + readBegin_;
+  return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
+         static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
+}
+
+FrameSpan FstrmSocket::readLargeFrame(uint32_t length) {
+  readBegin_ += kFrameLengthBytes;
+  large_.resize(length);
+  readBytes(large_.data(), length);
+  return {large_.data(), length};
+}
+
+bool FstrmSocket::readDataFrames(std::vector<FrameSpan>& frames) {
+  if (readAhead_.size() < kReadAheadSize) readAhead_.resize(kReadAheadSize);
+  for (;;) {
+    const size_t before = frames.size();
+    while (readEnd_ - readBegin_ >= kFrameLengthBytes) {
+      const uint32_t length = bufferedUint32();
+      // A control frame or an oversized length ends the cut; both are dealt with once the
+      // frames before them are out.
+      if (length == 0 || length > dataFrameMaxSize_) break;
+      if (length > readEnd_ - readBegin_ - kFrameLengthBytes) break;
+      frames.push_back({readAhead_.data() + readBegin_ + kFrameLengthBytes, length});
+      readBegin_ += kFrameLengthBytes + length;
+    }
+    if (frames.size() != before) return true;
+    if (readEnd_ - readBegin_ >= kFrameLengthBytes) {
+      const uint32_t length = readFrameLength(true);  // consumes it, and throws above the limit
+      if (length == 0) return false;
+      // The buffer holds part of a frame that is too large for it.
+      readBegin_ -= kFrameLengthBytes;
+      if (length > kReadAheadSize - kFrameLengthBytes) {
+        frames.push_back(readLargeFrame(length));
+        return true;
+      }
+    }
+    // Part of a frame is left: move it to the front and read more behind it.
+    if (readBegin_ != 0) {
+      std::memmove(readAhead_.data(), readAhead_.data() + readBegin_, readEnd_ - readBegin_);
+      readEnd_ -= readBegin_;
+      readBegin_ = 0;
+    }
+    readEnd_ += readFromLayer(readAhead_.data() + readEnd_, kReadAheadSize - readEnd_);
+  }
 }
 
 uint32_t FstrmSocket::readFrameLength(bool checkLimit) {
@@ -184,6 +230,7 @@ bool FstrmSocket::wait(uint32_t seconds) {
 void FstrmSocket::release() {
   std::vector<uint8_t>().swap(buffer_);
   std::vector<uint8_t>().swap(readAhead_);
+  std::vector<uint8_t>().swap(large_);
   readBegin_ = 0;
   readEnd_ = 0;
 }

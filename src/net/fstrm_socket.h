@@ -7,8 +7,9 @@
 //
 // Reading goes through a bounded read-ahead buffer, so a steady stream of small frames costs one
 // system call per buffer-full rather than two per frame; a payload larger than that buffer is
-// read straight into the caller's memory. Time-outs and errors are those of the layer below: a
-// read still waits only while it lacks bytes it needs.
+// read straight into the caller's memory. readDataFrames hands out the whole data frames of the
+// buffer where they lie, so a relay copies each payload once, into its queue. Time-outs and
+// errors are those of the layer below: a read still waits only while it lacks bytes it needs.
 //
 // Ownership: the Socket and TlsSocket are borrowed and outlive this object; the buffers are
 // owned, reused for every frame and freed by release(). Not thread-safe: one worker thread.
@@ -36,6 +37,14 @@ enum ControlType : uint32_t {
 };
 
 inline constexpr uint32_t kFieldContentType = 1;
+// Bytes read ahead at most per read: many frames of a busy stream per system call.
+inline constexpr uint32_t kReadAheadSize = 65536;
+
+// A data frame's payload where it lies in the socket's buffers.
+struct FrameSpan {
+  const uint8_t* data;
+  uint32_t length;
+};
 inline constexpr char kContentType[] = "protobuf:dnstap.Dnstap";
 
 class FstrmSocket {
@@ -54,6 +63,12 @@ class FstrmSocket {
   // A big-endian length; above dataFrameMaxSize throws when checkLimit. 0 announces a control
   // frame.
   uint32_t readFrameLength(bool checkLimit);
+  // Reads until at least one whole data frame is buffered, then appends every whole data frame
+  // the buffer holds to `frames`. The spans stay valid until the next read of this socket.
+  // Returns false, with nothing appended, when the next frame is a control frame; its 4-byte
+  // escape is then consumed, as readFrameLength would. A length above dataFrameMaxSize throws
+  // FstrmError once the frames before it have been handed out.
+  bool readDataFrames(std::vector<FrameSpan>& frames);
   // Reads one control frame and returns its type as read; the caller checks it.
   uint32_t readControl(bool readEscape, bool checkContentType);
   void writeControl(uint32_t type, bool withContentType);
@@ -72,6 +87,9 @@ class FstrmSocket {
   std::string prefix() const { return "FstrmSocket[" + std::to_string(id_) + "]: "; }
   uint32_t readFromLayer(uint8_t* buffer, uint32_t size);
   uint32_t readUint32();
+  uint32_t bufferedUint32() const;
+  // A frame too large for the read-ahead, read whole into large_; `length` is its payload's.
+  FrameSpan readLargeFrame(uint32_t length);
 
   uint32_t id_;
   bool bidirectional_;
@@ -82,6 +100,7 @@ class FstrmSocket {
   bool useTls_;
   std::vector<uint8_t> buffer_;     // control frames, both directions
   std::vector<uint8_t> readAhead_;  // bytes received and not yet consumed
+  std::vector<uint8_t> large_;      // the last frame that did not fit the read-ahead
   uint32_t readBegin_ = 0;
   uint32_t readEnd_ = 0;
 };

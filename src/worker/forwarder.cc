@@ -1,6 +1,7 @@
 #include "worker/forwarder.h"
 
 #include <chrono>
+#include <cstring>
 #include <exception>
 
 #include "base/log.h"
@@ -71,8 +72,8 @@ void Forwarder::stop() {
 void Forwarder::join() {
   if (!thread_.joinable()) return;
   {
-    // The queue's wait has no time-out, and a wake-up that comes just before the thread starts
-    // waiting is lost; waking it until the thread has ended makes the stop certain.
+    // A wake-up that comes just before the thread starts waiting is lost and only the wait's
+    // bound ends that wait; waking it until the thread has ended makes the stop prompt.
     std::unique_lock<std::mutex> lock(stateMutex_);
     while (!finished_) {
       queue_.wakeAll();
@@ -176,38 +177,41 @@ void Forwarder::sendLoop() {
 
 void Forwarder::fillBatch() {
   Batch& batch = current();
-  for (uint32_t taken = 0; taken < settings_.batchSize; ++taken) {
-    const size_t start = batch.events.size();
-    queue_.pop(batch.events);
-    const size_t length = batch.events.size() - start;
-    if (length == 0) break;
+  // One lock for the whole batch; the events are then checked and formatted outside it.
+  popped_.clear();
+  const size_t start = batch.events.size();
+  if (queue_.popBatch(batch.events, popped_, settings_.batchSize) == 0) return;
+  auto* events = reinterpret_cast<uint8_t*>(batch.events.data());
+  size_t read = start;
+  size_t kept = start;
+  for (const uint32_t length : popped_) {
     const size_t formattedFrom = sendBuffer_.size();
     bool formatted = false;
     try {
-      formatted =
-          formatter_.formatEvent(reinterpret_cast<const uint8_t*>(batch.events.data()) + start,
-                                 static_cast<uint32_t>(length), record_, sendBuffer_);
+      formatted = formatter_.formatEvent(events + read, length, record_, sendBuffer_);
     } catch (const std::exception&) {
       formatted = false;
     }
-    if (!formatted) {
+    if (formatted) {
+      // Skipped events leave a gap; the kept ones close ranks so the batch stays back to back.
+      if (kept != read) std::memmove(events + kept, events + read, length);
+      kept += length;
+      batch.lengths.push_back(length);
+    } else {
       // Skipped for good: returning it to the queue would only fail again.
-      batch.events.resize(start);
       sendBuffer_.resize(formattedFrom);
       dnstapErrors_.fetch_add(1);
-      continue;
     }
-    batch.lengths.push_back(static_cast<uint32_t>(length));
+    read += length;
   }
+  batch.events.resize(kept);
   batch.bytes = sendBuffer_.size();
 }
 
 void Forwarder::waitForEvents() {
   if (stopRequested_) return;
-  // Events that arrived while the batch was filled need no wait; the queue does not remember a
-  // push that came before its wait began.
-  if (queue_.count() > 0) return;
-  queue_.wait();
+  // Bounded, so that a stop request whose wake-up came just before the wait is seen in time.
+  queue_.waitFor(event::queue::kWaitBound);
 }
 
 void Forwarder::writeBatch() {

@@ -101,7 +101,8 @@ class Forwarder : public ForwarderCounters {
   std::unique_ptr<net::tls::TlsSocket> tls_;
   std::unique_ptr<net::fstrm::FstrmSocket> fstrm_;
   std::string sendBuffer_;
-  std::string hexBuffer_;  // standard-output mode with dnstap: the batch as one hex line
+  std::string hexBuffer_;         // standard-output mode with dnstap: the batch as one hex line
+  std::vector<uint32_t> popped_;  // lengths of the events of the last pop, before formatting
   Batch batches_[2];
   SentBatches sent_;  // durable recovery: written, not yet acknowledged
   int currentIndex_ = 0;

@@ -3,9 +3,10 @@
 // The receiver identifies the peer, runs the TLS server handshake when the listener has TLS on
 // (TCP peers only), answers the sender's Frame Streams handshake in whichever mode the sender
 // chose, and pushes every data frame's bytes unchanged into the event queue (the agent's filters
-// may drop a frame, or re-encode it with the client address hidden). A connection that
-// stays silent for (keepalive + 1) read time-outs is given up. When it ends on its own it calls
-// the listener's finished callback; when the listener asked it to stop it does not.
+// may drop a frame, or re-encode it with the client address hidden), all the frames of one read
+// in one batch. A connection that stays silent for (keepalive + 1) read time-outs is given up.
+// When it ends on its own it calls the listener's finished callback; when the listener asked it
+// to stop it does not.
 //
 // Ownership: the Receiver owns the accepted Socket, the TlsSocket and the FstrmSocket over it,
 // and its thread; the listener owns the Receiver and joins it before destroying it. The queue
@@ -18,6 +19,8 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "base/error.h"
 #include "event/event_queue.h"
@@ -72,6 +75,9 @@ class Receiver {
   void processLoop();
   // Returns false when a stop was requested; throws when the connection stayed silent.
   bool waitForData();
+  // Hands the frames of one read to the queue in one batch and counts them: the one place where
+  // relayed events enter the queue.
+  void deliver();
   std::string prefix() const { return "Receiver[" + std::to_string(id_) + "]: "; }
 
   const uint32_t id_;
@@ -85,8 +91,13 @@ class Receiver {
   std::thread thread_;
   net::PeerAddress peer_;
   std::string peerError_;  // why peer() failed at construction; reported by the thread
-  std::string frame_;      // the current data frame, reused for the connection's life
   filter::FrameFilter filter_;
+  // The frames of the current read and their queue entries, reused for the connection's life;
+  // frames the filter re-encoded wait in `rewritten_`, at the offsets noted per entry.
+  std::vector<net::fstrm::FrameSpan> frames_;
+  std::vector<event::queue::EventSpan> events_;
+  std::string rewritten_;
+  std::vector<std::pair<size_t, size_t>> rewrittenAt_;  // (entry, offset in rewritten_)
   std::atomic<bool> stopRequested_{false};
   std::atomic<uint64_t> bytesReceived_{0};
   std::atomic<uint64_t> eventsReceived_{0};

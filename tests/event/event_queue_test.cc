@@ -4,6 +4,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstring>
 #include <deque>
 #include <random>
@@ -28,7 +29,8 @@ Counts snapshot(EventQueue& queue) {
 }
 
 // The queue without the ring: whole events, the oldest dropped until the new one fits. Also
-// records where each event's length would start in the ring, to prove every wrap was hit.
+// records where each event's length would start in the ring (a pop that empties it starts the
+// ring over), to prove every wrap was hit.
 struct Model {
   explicit Model(uint64_t ringSize) : size(ringSize) {}
   uint64_t size, used = 0, popped = 0, dropped = 0, at = 0;
@@ -53,6 +55,7 @@ struct Model {
     }
     used -= events.front().size() + kLengthBytes;
     events.pop_front();
+    if (out != nullptr && events.empty()) at = 0;
   }
 };
 
@@ -64,21 +67,45 @@ TEST(EventQueueTest, MatchesTheModelOverRandomTraffic) {
     Model model(size);
     Counts last{};
     for (int step = 0; step < 3000; ++step) {
-      if (random() % 5 < 3) {
-        // Mostly events that fit, sometimes one byte too long.
-        std::string event(random() % (size - 1), '\0');
-        for (char& c : event) c = static_cast<char>(random());
-        if (model.push(event)) {
-          push(queue, event);
-        } else {
-          EXPECT_THROW(push(queue, event), QueueError);
+      const uint32_t action = random() % 10;
+      if (action < 6) {
+        // Mostly events that fit, sometimes one byte too long; one at a time or a few in one
+        // batch, which goes in up to the first that can never fit.
+        std::vector<std::string> events(action < 3 ? 1 : 1 + random() % 4);
+        for (std::string& event : events) {
+          event.resize(random() % (size - 1));
+          for (char& c : event) c = static_cast<char>(random());
         }
-      } else {
+        size_t fitting = 0;
+        while (fitting < events.size() && model.push(events[fitting])) ++fitting;
+        std::vector<EventSpan> spans;
+        for (const std::string& event : events) {
+          spans.push_back({reinterpret_cast<const uint8_t*>(event.data()),
+                           static_cast<uint32_t>(event.size())});
+        }
+        if (fitting == events.size()) {
+          queue.pushBatch(spans.data(), spans.size());
+        } else {
+          EXPECT_THROW(queue.pushBatch(spans.data(), spans.size()), QueueError);
+        }
+      } else if (action < 8) {
         // pop() appends: a non-empty buffer must keep its bytes in front.
         std::string expected(random() % 3, 'p'), actual = expected;
         model.pop(&expected);
         queue.pop(actual);
         ASSERT_EQ(actual, expected) << "step " << step;
+      } else {
+        // popBatch() appends too, and says where each event ends.
+        const uint32_t most = random() % 4;
+        std::string expected(random() % 3, 'p'), actual = expected;
+        std::vector<uint32_t> expectedLengths{7}, lengths{7};
+        for (uint32_t i = 0; i < most && !model.events.empty(); ++i) {
+          expectedLengths.push_back(static_cast<uint32_t>(model.events.front().size()));
+          model.pop(&expected);
+        }
+        EXPECT_EQ(queue.popBatch(actual, lengths, most), expectedLengths.size() - 1);
+        ASSERT_EQ(actual, expected) << "step " << step;
+        ASSERT_EQ(lengths, expectedLengths) << "step " << step;
       }
       ASSERT_EQ(queue.count(), model.events.size()) << "step " << step;
       if (step % 97 == 0) {
@@ -140,23 +167,74 @@ TEST(EventQueueTest, ConcurrentProducersAndConsumersLoseNothingUncounted) {
         push(queue, makeEvent(p * kPerProducer + i));
       }
       if (p < kProducers) --producing;
-      for (std::string event; p >= kProducers; event.clear()) {
-        queue.pop(event);
-        if (event.empty() && producing == 0 && queue.count() == 0) return;
-        if (event.empty()) {
-          std::this_thread::yield();
+      // The consumers take batches of different sizes and sleep in the queue's wait.
+      std::string batch;
+      std::vector<uint32_t> lengths;
+      while (p >= kProducers) {
+        batch.clear();
+        lengths.clear();
+        if (queue.popBatch(batch, lengths, 1 + p % 3 * 40) == 0) {
+          if (producing == 0 && queue.count() == 0) return;
+          queue.wait();
           continue;
         }
-        uint32_t id = 0;
-        std::memcpy(&id, event.data(), sizeof id);
-        if (id >= kTotal || event != makeEvent(id) || seen[id].fetch_add(1) != 0) ++bad;
-        ++consumed;
+        size_t at = 0;
+        for (const uint32_t length : lengths) {
+          const std::string event = batch.substr(at, length);
+          at += length;
+          uint32_t id = 0;
+          std::memcpy(&id, event.data(), sizeof id);
+          if (id >= kTotal || event != makeEvent(id) || seen[id].fetch_add(1) != 0) ++bad;
+          ++consumed;
+        }
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
   EXPECT_EQ(bad, 0u);
   EXPECT_EQ(snapshot(queue), (Counts{consumed, 0, kTotal - consumed}));
+}
+
+// A consumer's wait ends as soon as there is a reason and no later than its bound.
+TEST(EventQueueTest, WaitsEndOnAnEventAWakeOrTheBound) {
+  using std::chrono::milliseconds;
+  const struct {
+    const char* name;
+    bool queuedBefore;
+    bool pushLater;
+    bool wakeLater;
+    milliseconds timeout;
+    bool result;
+  } cases[] = {
+      {"an event already queued", true, false, false, milliseconds(10000), true},
+      {"a push while asleep", false, true, false, milliseconds(10000), true},
+      {"wakeAll while asleep", false, false, true, milliseconds(10000), false},
+      {"nothing at all", false, false, false, milliseconds(60), false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    EventQueue queue({1024});
+    if (c.queuedBefore) push(queue, "early");
+    std::atomic<bool> returned{false};
+    std::thread other([&] {
+      std::this_thread::sleep_for(milliseconds(50));
+      if (c.pushLater) push(queue, "late");
+      // A wake-up only reaches a wait already begun: repeated until one has.
+      for (; c.wakeLater && !returned; std::this_thread::sleep_for(milliseconds(20))) {
+        queue.wakeAll();
+      }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(queue.waitFor(c.timeout), c.result);
+    const auto waited = std::chrono::steady_clock::now() - start;
+    returned = true;
+    other.join();
+    // Generous for a loaded machine, yet far below the long time-outs.
+    EXPECT_LT(waited, milliseconds(3000));
+    if (c.timeout < milliseconds(1000)) {
+      EXPECT_GE(waited, c.timeout);
+    }
+  }
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -244,6 +245,7 @@ TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
     ((type & 1) != 0 ? record.response_message : record.query_message) = queryWire();
     MessageView view;
     EXPECT_FALSE(make_view(record, view)) << type;
+    EXPECT_FALSE(check_record(record)) << type;
   }
 
   const auto valid = [](uint64_t type, uint64_t sec = testing::kSec,
@@ -263,21 +265,29 @@ TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
       {badQueryAddress, "Expected message query_address to be 0, 4 or 16 bytes but got 5"},
       {badBothAddresses, "Expected message response_address to be 0, 4 or 16 bytes but got 3"},
   };
-  const MessageSettings settings = settingsFor(MessageFormat::kJson);
-  MessageFormatter formatter(settings);
+  // The dnstap output checks records without building the view, with the same verdicts.
+  const MessageSettings json = settingsFor(MessageFormat::kJson);
+  const MessageSettings dnstap = settingsFor(MessageFormat::kDnstap);
+  MessageFormatter jsonFormatter(json), dnstapFormatter(dnstap);
   for (const auto& [record, expected] : failures) {
     MessageView view;
-    try {
-      make_view(record, view);
-      ADD_FAILURE() << "no error for " << expected;
-    } catch (const net::dns::DnsError& e) {
-      EXPECT_STREQ(e.what(), expected.c_str());
+    for (const std::function<void()>& check :
+         {std::function<void()>([&] { make_view(record, view); }),
+          std::function<void()>([&] { check_record(record); })}) {
+      try {
+        check();
+        ADD_FAILURE() << "no error for " << expected;
+      } catch (const net::dns::DnsError& e) {
+        EXPECT_STREQ(e.what(), expected.c_str());
+      }
     }
     // Through the forwarder's entry point the same error leaves the buffer untouched.
-    std::string out = "before";
-    DnstapMessage scratch;
-    EXPECT_THROW(formatEncoded(formatter, record, scratch, out), net::dns::DnsError);
-    EXPECT_EQ(out, "before");
+    for (MessageFormatter* formatter : {&jsonFormatter, &dnstapFormatter}) {
+      std::string out = "before";
+      DnstapMessage scratch;
+      EXPECT_THROW(formatEncoded(*formatter, record, scratch, out), net::dns::DnsError);
+      EXPECT_EQ(out, "before");
+    }
   }
 }
 

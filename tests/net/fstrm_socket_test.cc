@@ -23,10 +23,11 @@ const std::string kStop = be32(0) + be32(4) + be32(3);
 const std::string kNoContentType =
     "Expected content type of protobuf:dnstap.Dnstap but did not get it";
 
-// Payloads around the read-ahead size, and many small ones that share a read.
+// Payloads around the read-ahead size (with and without their length), and many small ones that
+// share a read.
 Frames samplePayloads() {
   Frames payloads;
-  for (size_t size : {1, 5, 100, 16383, 16384, 16385, 70000, 3}) {
+  for (size_t size : {1, 5, 100, 65531, 65532, 65533, 65536, 70000, 3, 140000}) {
     payloads.emplace_back(size, '\0');
     for (size_t i = 0; i < size; ++i) payloads.back()[i] = static_cast<char>(i * 7 + size);
   }
@@ -52,8 +53,8 @@ Frames receive(FstrmSocket& fstrm, bool& bidirectional) {
   }
   EXPECT_EQ(type, kControlStart);
   Frames frames;
-  for (uint32_t length; (length = fstrm.readFrameLength(true)) != 0;) {
-    fstrm.readBytes(frames.emplace_back(), length);
+  for (std::vector<FrameSpan> cut; fstrm.readDataFrames(cut); cut.clear()) {
+    for (const FrameSpan& frame : cut) frames.emplace_back(frame.data, frame.data + frame.length);
   }
   EXPECT_EQ(fstrm.readControl(false, false), kControlStop);
   if (bidirectional) fstrm.writeControl(kControlFinish, false);
@@ -91,7 +92,10 @@ TEST(FstrmSocketTest, LimitsAndErrors) {
       length = [](FstrmSocket&f) { return f.readFrameLength(true); },
       anyLength = [](FstrmSocket&f) { return f.readFrameLength(false); },
       open = [](FstrmSocket&f) { return f.open(), 0u; },
-      close = [](FstrmSocket&f) { return f.close(), 0u; };
+      close = [](FstrmSocket&f) { return f.close(), 0u; }, cut = [](FstrmSocket&f) {
+        std::vector<FrameSpan> frames;
+        return f.readDataFrames(frames) ? static_cast<uint32_t>(frames.size()) : 0u;
+      };
   const struct {
     const std::function<uint32_t(FstrmSocket&)>& read;
     std::string wire;
@@ -116,6 +120,10 @@ TEST(FstrmSocketTest, LimitsAndErrors) {
       {length, be32(5000), 5000, ""},
       {length, be32(5001), 0, "Data frame length 5001 is larger than the configured limit 5000"},
       {anyLength, be32(5001), 5001, ""},
+      // Whole frames are cut up to a control frame or an oversized length, which come next.
+      {cut, be32(3) + "abc" + be32(2) + "xy" + be32(0), 2, ""},
+      {cut, be32(3) + "abc" + be32(5001), 1, ""},
+      {cut, be32(5001), 0, "Data frame length 5001 is larger than the configured limit 5000"},
       // The sender's handshakes, answered wrongly.
       {open, be32(0) + be32(4) + be32(kControlFinish), 0, kNoContentType},
       {open, be32(0) + be32(34) + be32(kControlFinish) + kField, 0,
