@@ -75,7 +75,7 @@ void AgentConfig::readFile(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     throw ConfigError("ifstream(" + path +
-                      ") failed to open: " + error::systemErrorText(error::lastCError()));
+                      ") failed to open: " + error::cErrorText(error::lastCError()));
   }
   std::ostringstream content;
   content << file.rdbuf();

@@ -7,6 +7,7 @@
 // requestStop() and report service status.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
@@ -23,8 +24,11 @@ bool changeDirectory(const std::string& directory);
 // checked: a socket call made without it fails with its own message.
 void startSockets();
 
-// The machine's host name as gethostname() gives it into a 16-byte buffer; throws
-// vantrelo::error::UnknownError "gethostname() failed: " + the C library's error text.
+// Syslog headers and JSON lines carry at most this many characters of the machine's host name.
+constexpr size_t kHostNameMaxLength = 15;
+
+// The machine's host name, cut to kHostNameMaxLength characters; throws
+// vantrelo::error::UnknownError "gethostname() failed: " + the socket library's error text.
 std::string hostName();
 
 uint32_t processId();

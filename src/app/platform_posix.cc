@@ -16,7 +16,9 @@ namespace vantrelo::app::platform {
 
 namespace {
 
-constexpr size_t kHostNameBufferSize = 16;
+// Room for the longest DNS name: the name is cut to its first characters after the call,
+// never refused for its length.
+constexpr size_t kHostNameBufferSize = 256;
 
 sigset_t stopSignals() {
   sigset_t set;
@@ -56,12 +58,12 @@ void startSockets() {}
 
 std::string hostName() {
   char buffer[kHostNameBufferSize] = {};
-  if (::gethostname(buffer, sizeof buffer) != 0) {
-    throw error::UnknownError("gethostname() failed: " +
-                              error::systemErrorText(error::lastCError()));
+  if (::gethostname(buffer, sizeof buffer - 1) != 0) {
+    throw error::UnknownError("gethostname() failed: " + error::cErrorText(error::lastCError()));
   }
-  buffer[kHostNameBufferSize - 1] = '\0';
-  return buffer;
+  std::string name(buffer);
+  if (name.size() > kHostNameMaxLength) name.resize(kHostNameMaxLength);
+  return name;
 }
 
 uint32_t processId() { return static_cast<uint32_t>(::getpid()); }

@@ -12,7 +12,9 @@ namespace vantrelo::app::platform {
 
 namespace {
 
-constexpr size_t kHostNameBufferSize = 16;
+// Room for the longest DNS name: the name is cut to its first characters after the call,
+// never refused for its length.
+constexpr size_t kHostNameBufferSize = 256;
 constexpr WORD kWinsockVersion = 0x0202;
 
 // Runs on a thread the system creates for each console event. Ctrl-C and Ctrl-Break only ask
@@ -52,12 +54,13 @@ void startSockets() {
 
 std::string hostName() {
   char buffer[kHostNameBufferSize] = {};
-  if (::gethostname(buffer, sizeof buffer) != 0) {
+  if (::gethostname(buffer, sizeof buffer - 1) != 0) {
     throw error::UnknownError("gethostname() failed: " +
-                              error::systemErrorText(error::lastCError()));
+                              error::systemErrorText(static_cast<uint32_t>(WSAGetLastError())));
   }
-  buffer[kHostNameBufferSize - 1] = '\0';
-  return buffer;
+  std::string name(buffer);
+  if (name.size() > kHostNameMaxLength) name.resize(kHostNameMaxLength);
+  return name;
 }
 
 uint32_t processId() { return static_cast<uint32_t>(GetCurrentProcessId()); }

@@ -22,11 +22,14 @@ class UnknownError : public std::exception {
   std::string message_;
 };
 
-// The system's message text for an error code: a Windows error code or a C library error number
-// on Windows (FormatMessageA, line end kept as the system gives it), the C library's strerror
-// text elsewhere. Unknown codes give "Unknown error <code>". Not thread-safe on Windows (one
-// static buffer, as the system call needs); callers use it only while building a message.
+// The system's message text for a system error code: a Windows error code (GetLastError,
+// WSAGetLastError) on Windows, taken from the system's message table with the line end kept as
+// the system gives it; the C library's strerror text elsewhere. Unknown codes give
+// "Unknown error <code>". Thread-safe.
 std::string systemErrorText(uint32_t code);
+
+// The C library's text for an errno value, on every platform. Thread-safe.
+std::string cErrorText(uint32_t code);
 
 // The message text of an NTSTATUS, taken from NTDLL.DLL on Windows; "Unknown error <status>"
 // where there is no such table.

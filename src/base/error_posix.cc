@@ -12,6 +12,8 @@ std::string systemErrorText(uint32_t code) {
   return text != nullptr ? std::string(text) : "Unknown error " + std::to_string(code);
 }
 
+std::string cErrorText(uint32_t code) { return systemErrorText(code); }
+
 std::string ntStatusText(uint32_t status) { return "Unknown error " + std::to_string(status); }
 
 uint32_t lastCError() { return static_cast<uint32_t>(errno); }

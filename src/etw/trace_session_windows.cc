@@ -202,7 +202,7 @@ class SystemTraceSessions : public TraceSessionApi {
     std::unique_ptr<void, decltype(&std::free)> filterBlock(std::calloc(1, filterSize), &std::free);
     if (filterBlock == nullptr) {
       throw EtwError("malloc(EVENT_FILTER_EVENT_ID) failed: " +
-                     error::systemErrorText(error::lastCError()));
+                     error::cErrorText(error::lastCError()));
     }
     auto* filter = static_cast<EventFilterEventId*>(filterBlock.get());
     filter->FilterIn = TRUE;

@@ -15,7 +15,7 @@ EventQueue::EventQueue(const QueueOptions& options) : options_(options) {
     // Some C runtimes fail an impossible size without setting errno; it is still out of memory.
     const uint32_t code = errno != 0 ? vantrelo::error::lastCError() : uint32_t{ENOMEM};
     throw QueueError("malloc(" + std::to_string(options_.size) +
-                     ") failed: " + vantrelo::error::systemErrorText(code));
+                     ") failed: " + vantrelo::error::cErrorText(code));
   }
 }
 

@@ -12,7 +12,7 @@ bool statPath(const std::string& path, uint64_t& size) {
   const uint32_t code = platform::statSize(path, size);
   if (code == 0) return true;
   if (code == ENOENT) return false;
-  throw FileError("stat64(" + path + ") failed: " + vantrelo::error::systemErrorText(code));
+  throw FileError("stat64(" + path + ") failed: " + vantrelo::error::cErrorText(code));
 }
 
 }  // namespace
@@ -25,7 +25,7 @@ bool fileExists(const std::string& path) {
 uint64_t fileSize(const std::string& path) {
   uint64_t size = 0;
   if (!statPath(path, size)) {
-    throw FileError("stat64(" + path + ") failed: " + vantrelo::error::systemErrorText(ENOENT));
+    throw FileError("stat64(" + path + ") failed: " + vantrelo::error::cErrorText(ENOENT));
   }
   return size;
 }

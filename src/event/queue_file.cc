@@ -14,7 +14,7 @@ constexpr size_t kReadChunk = size_t{1} << 20;
 // The text for a short read that hit the end of the file: there is no system error behind it.
 constexpr char kUnexpectedEnd[] = "Unexpected end of file";
 
-std::string cErrorText() { return vantrelo::error::systemErrorText(vantrelo::error::lastCError()); }
+std::string cErrorText() { return vantrelo::error::cErrorText(vantrelo::error::lastCError()); }
 
 // Owns one C stdio stream; closes it on destruction unless closed explicitly before.
 class StdioFile {

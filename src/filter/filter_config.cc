@@ -44,7 +44,7 @@ std::string readWholeFile(const char* key, const std::string& path) {
   std::ifstream file(path, std::ios::binary);
   if (!file) {
     throw FilterError("Cannot read " + std::string(key) + " " + path + ": " +
-                      error::systemErrorText(error::lastCError()));
+                      error::cErrorText(error::lastCError()));
   }
   std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
   if (file.bad()) throw FilterError("Cannot read " + std::string(key) + " " + path);

@@ -78,8 +78,11 @@ int setBufferSize(uintptr_t handle, bool send, uint32_t size) {
 }
 
 void setReuseAddress(uintptr_t handle) {
+  // Winsock's SO_REUSEADDR lets a second process bind the same port and take its connections
+  // (a console "run" beside the service). The exclusive option refuses that second bind, and a
+  // restarted agent still binds at once, as lingering connections of the old one never block it.
   int one = 1;
-  ::setsockopt(sock(handle), SOL_SOCKET, SO_REUSEADDR, reinterpret_cast<const char*>(&one),
+  ::setsockopt(sock(handle), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&one),
                sizeof one);
 }
 

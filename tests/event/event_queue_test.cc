@@ -123,7 +123,7 @@ TEST(EventQueueTest, RefusesWhatCanNeverFit) {
       {16777220, 16777216, "value length 16777216 is larger than the maximum allowed of 16777215"},
       {0, 0, "value length 0 is larger than the size of the queue 0"},
       {uint64_t{1} << 62, 0,
-       "malloc(4611686018427387904) failed: " + vantrelo::error::systemErrorText(ENOMEM)},
+       "malloc(4611686018427387904) failed: " + vantrelo::error::cErrorText(ENOMEM)},
   };
   static const std::string big(16777216, 'b');
   for (const auto& c : cases) {

@@ -34,9 +34,9 @@ TEST(FilePosixTest, StatAndReadFailuresCarryTheSystemText) {
   // may be there, so loading must not go on as if there were none. A directory opens for
   // reading but every read fails with EISDIR, which is no end of file.
   const std::string below = (dir / "plain" / "below").string();
-  EXPECT_EQ(loadError(below), "stat64(" + below + ") failed: " + error::systemErrorText(ENOTDIR));
-  EXPECT_EQ(loadError(dir.string()), "Read magic header from " + dir.string() +
-                                         " failed: " + error::systemErrorText(EISDIR));
+  EXPECT_EQ(loadError(below), "stat64(" + below + ") failed: " + error::cErrorText(ENOTDIR));
+  EXPECT_EQ(loadError(dir.string()),
+            "Read magic header from " + dir.string() + " failed: " + error::cErrorText(EISDIR));
   fs::remove_all(dir);
 }
 

@@ -134,7 +134,7 @@ TEST_F(QueueFileTest, FailedSaveLeavesNoTemporaryFile) {
   EXPECT_TRUE(fs::is_directory(fs::path(path_) / "occupied"));
   fs::remove_all(dir_);
   EXPECT_EQ(run(save, {"event"}, left),
-            "Open " + path_ + ".tmp failed: " + vantrelo::error::systemErrorText(ENOENT));
+            "Open " + path_ + ".tmp failed: " + vantrelo::error::cErrorText(ENOENT));
 }
 
 }  // namespace

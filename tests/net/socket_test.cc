@@ -67,6 +67,24 @@ TEST(SocketTest, ConnectAndListenOutcomes) {
   }
 }
 
+// A second listener on a port already listened on must fail to bind, not share the port and
+// take some of its connections (another agent started beside the service).
+TEST(SocketTest, SecondListenerOnAPortFailsToBind) {
+  for (const bool ipv6 : {false, true}) {
+    SocketSettings settings = loopbackSettings();
+    settings.ipv6 = ipv6;
+    settings.host = ipv6 ? "::1" : "127.0.0.1";
+    Socket first(1, settings);
+    const std::string opened = errorOf([&] { first.listen(); });
+    if (ipv6 && opened != "(no error)") continue;  // no IPv6 loopback on this host
+    ASSERT_EQ(opened, "(no error)");
+    settings.port = first.localPort();
+    Socket second(2, settings);
+    const std::string error = errorOf([&] { second.listen(); });
+    EXPECT_EQ(error.rfind("bind() failed: ", 0), 0u) << (ipv6 ? "IPv6: " : "IPv4: ") << error;
+  }
+}
+
 TEST(SocketTest, ConnectTimesOutWhenTheListenQueueIsFull) {
 #ifdef _WIN32
   GTEST_SKIP() << "Windows refuses connections beyond the backlog instead of ignoring them";
