@@ -176,6 +176,9 @@ TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
     ASSERT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == kBatch; }));
     const auto broken = [&] { return log.contains("E Forwarder[1]: Connection error: "); };
     for (int round = 0; round < 5 && !broken(); ++round, pushed += kBatch) {
+      // Each batch goes out after the collector's close and the reset it answers with have
+      // landed; under wine on a loaded machine the socket's close can take that long.
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
       const uint64_t sent = running.forwarder->eventsSent();
       running.push(pushed, kBatch);
       ASSERT_TRUE(
