@@ -22,10 +22,8 @@ namespace {
 
 using net::testing::LogRecorder;
 using testing::buildEvent;
-using testing::ended;
 using testing::FakeSessions;
 using testing::Processing;
-using testing::stopped;
 using testing::SyntheticEvent;
 
 constexpr uint32_t kAccessDenied = 5;
@@ -96,7 +94,7 @@ TEST(EtwReader, SessionLifeCycle) {
        [](FakeSessions& f) { f.stopBeforeOpen = true; f.opens = {4201}; },
        "start/8000100 enable open=4201 stop ", ""},
       {"any status after a stop request is a normal end",
-       [](FakeSessions& f) { f.processing = {stopped(kCancelled)}; }, kProcessed, ""},
+       [](FakeSessions& f) { f.processing = {{.status = kCancelled, .stop = true}}; }, kProcessed, ""},
       {"without etw-independent-session the session is shared", none,
        "start/100 enable open process close stop ", "", false}};
   // clang-format on
@@ -135,8 +133,9 @@ TEST(EtwReader, RestartsWithBackOff) {
     }
     return seconds;
   };
-  EXPECT_EQ(delays(std::deque<Processing>(8, ended())), "1 s,2 s,4 s,8 s,16 s,32 s,60 s,60 s,");
-  EXPECT_EQ(delays({ended(), ended(), ended(61 * kBackOffUnit), ended()}), "1 s,2 s,1 s,2 s,");
+  EXPECT_EQ(delays(std::deque<Processing>(8, Processing{})),
+            "1 s,2 s,4 s,8 s,16 s,32 s,60 s,60 s,");
+  EXPECT_EQ(delays({{}, {}, {.lasting = 61 * kBackOffUnit}, {}}), "1 s,2 s,1 s,2 s,");
 
   Reader early;
   early.reader->stop();
@@ -144,7 +143,7 @@ TEST(EtwReader, RestartsWithBackOff) {
   EXPECT_EQ(early.fake->calls, "");
 
   Reader waiting(EtwSettings{}, std::chrono::seconds(60));
-  waiting.fake->processing = {ended()};
+  waiting.fake->processing = {Processing{}};
   std::thread stopper([&waiting] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     waiting.reader->stop();
@@ -171,7 +170,7 @@ TEST(EtwReader, CallbackFailuresAreCountedAndRateLimited) {
   Throwing throwing;
   throwing.id = 257;
 
-  Processing processing = stopped(0, {&foreign, &good, &cutA, &cutA, &throwing});
+  Processing processing{.stop = true, .events = {&foreign, &good, &cutA, &cutA, &throwing}};
   for (int i = 0; i < 500; ++i) {
     processing.events.push_back(&cutB);
     processing.events.push_back(&cutA);
