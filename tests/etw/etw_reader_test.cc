@@ -29,9 +29,9 @@ using testing::SyntheticEvent;
 constexpr uint32_t kAccessDenied = 5;
 constexpr uint32_t kCancelled = 1223;
 
-// A reader over fake sessions whose back-off second lasts 5 ms: short, yet far longer than a
-// processing run takes on a loaded machine.
-constexpr auto kBackOffUnit = std::chrono::milliseconds(5);
+// A reader over fake sessions whose back-off second lasts 10 ms: short, yet a processing run
+// would have to stall for 600 ms on a loaded machine to pass for a long one.
+constexpr auto kBackOffUnit = std::chrono::milliseconds(10);
 
 struct Reader {
   explicit Reader(EtwSettings settings = {}, std::chrono::milliseconds backOffUnit = kBackOffUnit) {

@@ -140,9 +140,10 @@ TEST(ForwarderTest, SkipsBrokenEventsAndWritesEachFormatToStandardOutput) {
     }
     running.forwarder->start();
     ASSERT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == 2; }));
+    // Five seconds leave room for a loaded machine.
     const auto stopped = Clock::now();
     running.stop();
-    EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(2));
+    EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(5));
     std::string delivered(static_cast<size_t>(std::ftell(output)), '\0');
     std::rewind(output);
     ASSERT_EQ(std::fread(delivered.data(), 1, delivered.size(), output), delivered.size());
@@ -235,7 +236,7 @@ TEST(ForwarderTest, StopsPromptlyDuringTheReconnectPause) {
   const auto failed = Clock::now();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   running.stop();
-  EXPECT_LT(Clock::now() - failed, std::chrono::seconds(2));
+  EXPECT_LT(Clock::now() - failed, std::chrono::seconds(5));  // the pause is ten
   EXPECT_EQ(running.forwarder->connects(), 1u);
 }
 

@@ -91,7 +91,8 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const auto stopped = std::chrono::steady_clock::now();
   running.listener.stop();
   running.listener.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
+  // Well short of the 31 s a silent connection is given, with room for a loaded machine.
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(10));
   EXPECT_TRUE(log.contains("I Receiver[0]: Finished process loop"));
   EXPECT_FALSE(log.contains("I Listener[0]: Receiver[0] Is finished"));
   EXPECT_TRUE(log.contains("I Listener[0]: Finished process loop"));
