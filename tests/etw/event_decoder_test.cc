@@ -247,7 +247,7 @@ TEST(EventDecoder, MalformedEventsAndOddValues) {
 }
 
 // Each switch turns off its own events; by default only client traffic is taken.
-TEST(EventDecoder, SwitchesAndIgnoredEvents) {
+TEST(EventDecoder, SwitchesChooseTheEventsTaken) {
   const auto off = [](bool EtwSettings::*which) {
     EtwSettings settings = allOn(kWindows2019);
     settings.*which = false;
