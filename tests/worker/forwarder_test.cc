@@ -11,7 +11,6 @@
 #include <thread>
 #include <vector>
 
-#include "encoding/dnstap_message.h"
 #include "encoding/text_encoding.h"
 #include "net_test_support.h"
 #include "worker_test_support.h"
@@ -19,36 +18,12 @@
 namespace vantrelo::worker::forwarder {
 namespace {
 
-namespace dnstap = encoding::dnstap;
 using format::MessageFormat;
 using net::testing::LogRecorder;
 using net::testing::loopbackSettings;
+using testing::clientQueryEvent;
 using testing::waitUntil;
 using Clock = std::chrono::steady_clock;
-
-// One encoded client-query event whose query name is "e<number>.example.com", so that every
-// event of a test can be told apart in any output format.
-std::string clientQueryEvent(uint32_t number) {
-  const std::string label = "e" + std::to_string(number);
-  // Header: id, RD, one question. Then the name, type A, class IN.
-  std::string query = {
-      static_cast<char>(number >> 8), static_cast<char>(number), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
-  query +=
-      static_cast<char>(label.size()) + label + "\7example\3com" + std::string("\0\0\1\0\1", 5);
-  dnstap::DnstapMessage record;
-  record.type = dnstap::kClientQuery;
-  record.socket_family = dnstap::kFamilyInet;
-  record.socket_protocol = dnstap::kProtocolUdp;
-  record.query_address = std::string("\xC0\x00\x02\x07", 4);
-  record.response_address = std::string("\xC0\x00\x02\x35", 4);
-  record.query_port = 40000;
-  record.response_port = 53;
-  record.query_time_sec = 1700000000;
-  record.query_message = query;
-  std::string out;
-  record.encode(out);
-  return out;
-}
 
 // The event number in a formatted line (the first "e<digits>.example"), or -1.
 int64_t eventNumberIn(const std::string& line) {

@@ -4,9 +4,34 @@
 
 #include <thread>
 
+#include "encoding/dnstap_message.h"
+
 namespace vantrelo::worker::testing {
 
 using net::testing::be32;
+
+std::string clientQueryEvent(uint32_t number) {
+  const std::string label = "e" + std::to_string(number);
+  // Header: id, RD, one question. Then the name, type A, class IN.
+  std::string query = {
+      static_cast<char>(number >> 8), static_cast<char>(number), 1, 0, 0, 1, 0, 0, 0, 0, 0, 0};
+  query +=
+      static_cast<char>(label.size()) + label + "\7example\3com" + std::string("\0\0\1\0\1", 5);
+  namespace dnstap = encoding::dnstap;
+  dnstap::DnstapMessage record;
+  record.type = dnstap::kClientQuery;
+  record.socket_family = dnstap::kFamilyInet;
+  record.socket_protocol = dnstap::kProtocolUdp;
+  record.query_address = std::string("\xC0\x00\x02\x07", 4);
+  record.response_address = std::string("\xC0\x00\x02\x35", 4);
+  record.query_port = 40000;
+  record.response_port = 53;
+  record.query_time_sec = 1700000000;
+  record.query_message = query;
+  std::string out;
+  record.encode(out);
+  return out;
+}
 
 std::string controlFrame(uint32_t type, bool withContentType) {
   const std::string kContentType = "protobuf:dnstap.Dnstap";

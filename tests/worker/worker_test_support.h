@@ -1,5 +1,5 @@
-// Helpers shared by the worker tests: raw Frame Streams bytes, a running listener and a
-// well-behaved sender, polling.
+// Helpers shared by the worker tests: dnstap events, raw Frame Streams bytes, a running
+// listener and a well-behaved sender, polling.
 #pragma once
 
 #include <chrono>
@@ -17,6 +17,10 @@
 #include "worker/listener.h"
 
 namespace vantrelo::worker::testing {
+
+// One encoded client-query event whose query name is "e<number>.example.com", so that every
+// event of a test can be told apart in any output format.
+std::string clientQueryEvent(uint32_t number);
 
 // Raw Frame Streams bytes, for senders that misbehave on purpose.
 std::string controlFrame(uint32_t type, bool withContentType);
