@@ -55,12 +55,9 @@ class LogRecorder : public log::SystemLog {
 class ChildProcess {
  public:
   explicit ChildProcess(const std::string& command);
-  ~ChildProcess() { stop(); }
+  ~ChildProcess();
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
-  // Waits up to `seconds` for the process to end by itself; returns its exit status or -1.
-  int waitExit(int seconds);
-  void stop();
 
  private:
   int pid_ = -1;
