@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <thread>
+#include <tuple>
 #include <utility>
 
 #include "net_test_support.h"
@@ -58,15 +59,15 @@ class TlsSocketTest : public ::testing::Test {
     if (!::testing::Test::HasFailure()) std::filesystem::remove_all(dir);
   }
 
+  // A server finds its certificate by subject; a client looks for one only when asked to.
   static TlsSettings settings(bool server, bool validate, const std::string& store) {
-    TlsSettings settings;
-    settings.server_role = server;
-    settings.enabled = true;
-    settings.validate = validate;
-    settings.store = dir + "/" + store;
-    settings.subject = server ? "localhost" : "CN=client";
-    settings.server_name = "localhost";
-    return settings;
+    return {.server_role = server,
+            .enabled = true,
+            .validate = validate,
+            .server_name = "localhost",
+            .store = dir + "/" + store,
+            .subject = server ? "localhost" : "CN=client",
+            .thumbprint = {}};
   }
 };
 
@@ -97,11 +98,11 @@ TEST_F(TlsSocketTest, StoreLookupsClientCertificatesAndData) {
   std::string data(100000, '\0'), received;  // several records
   for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<char>(i % 251);
   for (const auto& c : cases) {
-    TlsSettings serverSide = settings(true, c.clientCertificate != kNone, c.store);
-    serverSide.subject = c.subject;
-    serverSide.thumbprint = c.thumbprint;
-    TlsSettings clientSide = settings(false, c.clientCertificate != kNone, "client");
-    clientSide.client_certificate = c.clientCertificate != kNone;
+    const bool mutual = c.clientCertificate != kNone;
+    TlsSettings serverSide = settings(true, mutual, c.store),
+                clientSide = settings(false, mutual, "client");
+    std::tie(serverSide.subject, serverSide.thumbprint) = std::tie(c.subject, c.thumbprint);
+    clientSide.client_certificate = mutual;
     clientSide.client_certificate_auto = c.clientCertificate == kAutomatic;
     LoopbackPair pair;
     TlsSocket server("server", serverSide, *pair.server),
@@ -164,8 +165,7 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
     Socket socket(1, loopbackSettings(port));
     ASSERT_NO_THROW(connectWithRetry(socket)) << readFile(dir + "/s_server.log");
     TlsSettings clientSide = settings(false, c.validate, "client");
-    clientSide.store = c.store;
-    clientSide.server_name = c.serverName;
+    std::tie(clientSide.store, clientSide.server_name) = std::tie(c.store, c.serverName);
     TlsSocket tls("client", clientSide, socket);
     const std::string error = errorOf([&] { tls.handshake(); });
     const std::string expected =
