@@ -32,7 +32,8 @@ CLIENT_QUERY = bytes.fromhex(
 
 def wine(args, debug="-all", program=None, **popen):
     loaders = (os.environ.get("WINE64"), "/usr/lib/wine/wine64",
-               "/usr/lib/x86_64-linux-gnu/wine/wine64", shutil.which("wine64"))
+               "/usr/lib/x86_64-linux-gnu/wine/wine64", shutil.which("wine64"),
+               shutil.which("wine"))
     loader = next((p for p in loaders if p and os.access(p, os.X_OK)), None)
     if loader is None:
         raise unittest.SkipTest("no wine64 loader")
