@@ -8,9 +8,12 @@
 #include <utility>
 
 #include "etw/windows_version.h"
+#include "net_test_support.h"
 
 namespace vantrelo::app::config {
 namespace {
+
+using net::testing::errorOf;
 
 // The Windows build carries no Kafka client and refuses a kafka forwarder when reading it.
 #ifdef _WIN32
@@ -18,7 +21,7 @@ constexpr char kKafkaVerdict[] =
     "Kafka forwarders are not available in the Windows build: forward dnstap to a Linux "
     "vantrelo relay that writes to Kafka";
 #else
-constexpr char kKafkaVerdict[] = "(accepted)";
+constexpr char kKafkaVerdict[] = "(no error)";
 #endif
 
 AgentConfig configOf(const std::string& text) {
@@ -27,33 +30,27 @@ AgentConfig configOf(const std::string& text) {
   return config;
 }
 
-// The message of the exception `read` throws, or "(accepted)".
-template <typename Read>
-std::string errorOf(Read read) {
-  try {
-    read();
-  } catch (const std::exception& e) {
-    return e.what();
-  }
-  return "(accepted)";
-}
-
-// Runs every reader in the agent's order, as the agent does, and returns the first error.
-std::string firstError(const std::string& text) {
-  return errorOf([config = configOf(text)] {
-    format::MessageSettings message;
-    event::queue::QueueOptions queue;
-    std::vector<worker::forwarder::ForwarderSettings> forwarders;
-    std::vector<worker::listener::ListenerSettings> listeners;
-    format::MetricsSettings metrics;
-    metrics::EndpointSettings endpoint;
-    readMessageSettings(config, message);
-    readQueueSettings(config, queue);
-    readForwarderSettings(config, false, forwarders);
-    readListenerSettings(config, listeners);
-    readMetricsSettings(config, metrics);
-    readEndpointSettings(config, endpoint);
+// Every reader in the agent's order, as the agent runs them, and the first error.
+struct Settings {
+  format::MessageSettings m;
+  event::queue::QueueOptions q;
+  std::vector<worker::forwarder::ForwarderSettings> forwarders;
+  std::vector<worker::listener::ListenerSettings> listeners;
+  format::MetricsSettings x;
+  metrics::EndpointSettings e;
+  std::string error;
+};
+Settings readAll(const std::string& text) {
+  Settings s;
+  s.error = errorOf([&, config = configOf(text)] {
+    readMessageSettings(config, s.m);
+    readQueueSettings(config, s.q);
+    readForwarderSettings(config, false, s.forwarders);
+    readListenerSettings(config, s.listeners);
+    readMetricsSettings(config, s.x);
+    readEndpointSettings(config, s.e);
   });
+  return s;
 }
 
 TEST(SettingsReaderTest, RefusedValuesAndTheirMessages) {
@@ -73,12 +70,12 @@ TEST(SettingsReaderTest, RefusedValuesAndTheirMessages) {
        "Unknown message-format specified in config file: x"},
       {"listener bad\nforwarder bad", "Invalid protocol"},
       // Without an ETW listener the etw-* keys are not read at all.
-      {"etw-level 0\netw-filter maybe\nlistener ipv4 127.0.0.1 6000", "(accepted)"},
+      {"etw-level 0\netw-filter maybe\nlistener ipv4 127.0.0.1 6000", "(no error)"},
       // The listener's own option errors come before anything ETW.
       {"listener etw keepalive=5", "Unknown parameter 'keepalive'"},
       {"forwarder kafka k1:9092 topic=dns", kKafkaVerdict},
       {"forwarder kafka k1:9092 topic=dns acks=2", "Invalid acks option"},
-      {"message-syslog-format none", "(accepted)"},
+      {"message-syslog-format none", "(no error)"},
       {"metrics-listen ipv4 ::1 9153",
        "Invalid metrics-listen specified in config file: ipv4 ::1 9153"},
       {"metrics-listen unix /run/m.sock",
@@ -86,28 +83,25 @@ TEST(SettingsReaderTest, RefusedValuesAndTheirMessages) {
       {"metrics-listen ipv4 127.0.0.1 9153 tls=on",
        "Invalid metrics-listen specified in config file: ipv4 127.0.0.1 9153 tls=on"},
   };
-  for (const auto& c : cases) EXPECT_EQ(firstError(c.text), c.message) << c.text;
+  for (const auto& c : cases) EXPECT_EQ(readAll(c.text).error, c.message) << c.text;
 }
 
-// What the message, queue and metrics readers make of a configuration, in short: message
-// format, extended query log, trailing dot, suffixes (enabled, built-in, configured, count of
-// configured), syslog style and priority, queue size, recovery and file name, metrics interval
-// and format.
+// What the readers make of a configuration, in short: message format, extended query log,
+// trailing dot, suffixes (enabled, built-in, configured, count of configured), syslog style and
+// priority, queue size, recovery and file name, metrics interval and format, metrics endpoint
+// (enabled, IPv6, host, port).
 std::string settingsOf(const std::string& text) {
-  const AgentConfig config = configOf(text);
-  format::MessageSettings m;
-  event::queue::QueueOptions q;
-  format::MetricsSettings x;
-  readMessageSettings(config, m);
-  readQueueSettings(config, q);
-  readMetricsSettings(config, x);
+  const auto [m, q, forwarders, listeners, x, e, error] = readAll(text);
+  EXPECT_EQ(error, "(no error)");
   EXPECT_NE(m.process_id, 0u);
   std::ostringstream out;
   out << "format=" << int(m.format) << " extended=" << m.querylog_extended
       << " dot=" << m.trailing_dot << " suffix=" << m.suffix_enabled << "," << m.suffix_builtin
       << "," << m.suffix_config << "," << m.suffixes.configured_size()
       << " syslog=" << int(m.syslog_style) << "," << m.syslog_priority << " queue=" << q.size << ","
-      << q.recovery << "," << q.filename << " metrics=" << x.interval << "," << int(x.format);
+      << q.recovery << "," << q.filename << " metrics=" << x.interval << "," << int(x.format)
+      << " listen=" << e.enabled << "," << e.socket.ipv6 << "," << e.socket.host << ","
+      << e.socket.port;
   return out.str();
 }
 
@@ -118,39 +112,40 @@ TEST(SettingsReaderTest, AcceptedValues) {
   } cases[] = {
       {"",
        "format=0 extended=0 dot=1 suffix=1,1,1,0 syslog=0,30 queue=104857600,1,message.queue "
-       "metrics=600,0"},
+       "metrics=600,0 listen=0,0,127.0.0.1,514"},
       {"message-format querylog\nmessage-querylog-format extended\n"
        "message-fqdn-format without-trailing-dot\ndomain-suffix-mode builtin\n"
        "domain-suffix example.com..\ndomain-suffix Corp.Example.\nmessage-syslog-format bsd\n"
        "message-syslog-priority -1\nmessage-queue-size 4096\nmessage-queue-recovery off\n"
-       "message-queue-filename state/q.bin\nmetrics-interval 10s\nmetrics-format json",
+       "message-queue-filename state/q.bin\nmetrics-interval 10s\nmetrics-format json\n"
+       "metrics-listen IPv6 ::1 9153",
        "format=1 extended=1 dot=0 suffix=1,1,0,2 syslog=1,-1 queue=4096,0,state/q.bin "
-       "metrics=10,1"},
+       "metrics=10,1 listen=1,1,::1,9153"},
       {"message-format dnstap\nmessage-syslog-format rfc3164\nmessage-queue-size -1\n"
        "domain-suffix-mode config",
        "format=2 extended=0 dot=1 suffix=1,0,1,0 syslog=1,30 "
-       "queue=18446744073709551615,1,message.queue metrics=600,0"},
+       "queue=18446744073709551615,1,message.queue metrics=600,0 listen=0,0,127.0.0.1,514"},
       {"message-syslog-format rfc5424\nmessage-syslog-priority 13x\ndomain-suffix-mode off",
        "format=0 extended=0 dot=1 suffix=0,0,0,0 syslog=0,13 queue=104857600,1,message.queue "
-       "metrics=600,0"},
+       "metrics=600,0 listen=0,0,127.0.0.1,514"},
   };
   for (const auto& c : cases) EXPECT_EQ(settingsOf(c.text), c.settings) << c.text;
 }
 
 TEST(SettingsReaderTest, EtwListenerNeedsASupportedSystem) {
-  // "(accepted)" when this system can trace DNS Server events, else the reason it cannot.
+  // "(no error)" when this system can trace DNS Server events, else the reason it cannot.
   const std::string reason = errorOf([] { etw::detectWindowsVersion(); });
   const std::string two = "listener etw\nlistener ipv4 127.0.0.1 6000\nlistener etw";
-  if (reason == "(accepted)") {
-    EXPECT_EQ(firstError("listener etw"), "(accepted)");
-    EXPECT_EQ(firstError(two), "Only one etw listener may be configured");
+  if (reason == "(no error)") {
+    EXPECT_EQ(readAll("listener etw").error, "(no error)");
+    EXPECT_EQ(readAll(two).error, "Only one etw listener may be configured");
     return;
   }
   // Detection runs even with the release named, after the listener's own option errors.
-  EXPECT_EQ(firstError("listener etw"), reason);
-  EXPECT_EQ(firstError(two), reason);
-  EXPECT_EQ(firstError("etw-windows-version windows2019\nlistener etw"), reason);
-  EXPECT_EQ(firstError("listener etw client-query=yes"), "Invalid client-query option");
+  EXPECT_EQ(readAll("listener etw").error, reason);
+  EXPECT_EQ(readAll(two).error, reason);
+  EXPECT_EQ(readAll("etw-windows-version windows2019\nlistener etw").error, reason);
+  EXPECT_EQ(readAll("listener etw client-query=yes").error, "Invalid client-query option");
 }
 
 TEST(SettingsReaderTest, EtwKeys) {
@@ -182,16 +177,6 @@ TEST(SettingsReaderTest, EtwKeys) {
         << text;
   }
   testing::internal::GetCapturedStdout();
-}
-
-TEST(SettingsReaderTest, MetricsListen) {
-  metrics::EndpointSettings settings;
-  readEndpointSettings(configOf(""), settings);
-  EXPECT_FALSE(settings.enabled);
-  readEndpointSettings(configOf("metrics-listen IPv6 ::1 9153"), settings);
-  EXPECT_EQ(std::make_tuple(settings.enabled, settings.socket.ipv6, settings.socket.host,
-                            settings.socket.port),
-            std::make_tuple(true, true, std::string("::1"), uint16_t{9153}));
 }
 
 }  // namespace
