@@ -9,9 +9,7 @@
 #include <thread>
 
 #ifndef _WIN32
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <stdlib.h>
 #endif
 
 namespace vantrelo::net::testing {
@@ -105,20 +103,6 @@ std::vector<std::string> LogRecorder::lines() const {
 }
 
 #ifndef _WIN32
-ChildProcess::ChildProcess(const std::string& command) {
-  const std::string line = "exec " + command;
-  if ((pid_ = ::fork()) == 0) {
-    ::execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-}
-
-ChildProcess::~ChildProcess() {
-  ::kill(pid_, SIGTERM);
-  ::waitpid(pid_, nullptr, 0);
-}
-
 std::string makeTempDirectory(const std::string& tag) {
   std::string pattern = "/tmp/vantrelo-" + tag + "-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");

@@ -159,9 +159,10 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
   for (const auto& c : cases) {
     SCOPED_TRACE(c.certificate + " " + c.serverName);
     const uint16_t port = unusedPort();
-    ChildProcess server(
-        "openssl s_server -quiet -naccept 1 -accept 127.0.0.1:" + std::to_string(port) + " -cert " +
-        dir + "/" + c.certificate + "-key.pem >" + dir + "/s_server.log 2>&1");
+    // In the background, its input kept open (at its end s_server would drop the connection),
+    // ending by itself after the one connection or, at the latest, after 20 seconds.
+    run("(sleep 20 | timeout 20 openssl s_server -quiet -naccept 1 -accept 127.0.0.1:" +
+        std::to_string(port) + " -cert " + c.certificate + "-key.pem >s_server.log 2>&1 &)");
     Socket socket(1, loopbackSettings(port));
     ASSERT_NO_THROW(connectWithRetry(socket)) << readFile(dir + "/s_server.log");
     TlsSettings clientSide = settings(false, c.validate, "client");
@@ -178,14 +179,13 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
 
 TEST_F(TlsSocketTest, ServerMeetsARealClientAndItsCloseAlert) {
   std::ofstream(dir + "/input.txt") << "hello\n";
-  for (const std::string& options : {"-cert " + dir + "/client.pem -key " + dir + "/client.key",
+  for (const std::string& options : {std::string("-cert client.pem -key client.key"),
                                      std::string()}) {  // the second sends no certificate
     Socket listener(1, loopbackSettings());
     listener.listen();
-    ChildProcess client(
-        "openssl s_client -no_ign_eof -verify_return_error -CAfile " + dir +
-        "/ca.pem -servername localhost -connect 127.0.0.1:" + std::to_string(listener.localPort()) +
-        " " + options + " <" + dir + "/input.txt >/dev/null 2>&1");
+    run("(timeout 20 openssl s_client -no_ign_eof -verify_return_error -CAfile ca.pem "
+        "-servername localhost -connect 127.0.0.1:" +
+        std::to_string(listener.localPort()) + " " + options + " <input.txt >/dev/null 2>&1 &)");
     auto socket = acceptOne(listener);
     TlsSocket tls("server", settings(true, true, "server"), *socket);
     const std::string error = errorOf([&] { tls.handshake(); });
