@@ -37,20 +37,17 @@ class RecordingFactory : public WorkerFactory, public platform::RunObserver, log
     last = message;
     return true;
   }
-  class Fake : public Worker {
-   public:
-    Fake(std::string& calls, std::string name) : calls_(calls), name_(std::move(name)) {}
-    ~Fake() override { calls_ += "destroy " + name_ + ", "; }
+  struct Fake : Worker {
+    Fake(std::string& calls, std::string name) : calls(calls), name(std::move(name)) {}
+    ~Fake() override { calls += "destroy " + name + ", "; }
     void start() override {
-      calls_ += "start " + name_ + ", ";
-      if (name_.ends_with(":7666")) reportRunFailure("capture failed");
+      calls += "start " + name + ", ";
+      if (name.ends_with(":7666")) reportRunFailure("capture failed");
     }
-    void requestStop() override { calls_ += "stop " + name_ + ", "; }
-    void join() override { calls_ += "join " + name_ + ", "; }
-
-   private:
-    std::string& calls_;
-    const std::string name_;
+    void requestStop() override { calls += "stop " + name + ", "; }
+    void join() override { calls += "join " + name + ", "; }
+    std::string& calls;
+    const std::string name;
   };
 
   std::unique_ptr<Worker> createForwarder(uint32_t id,
