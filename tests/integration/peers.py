@@ -6,7 +6,7 @@ import json
 import re
 import signal
 
-import frames
+import fstrm
 from harness import LOOPBACK, Peer, free_port, listening, run_tool
 
 ZONE = "example.test."
@@ -159,13 +159,13 @@ class FstrmCapture(_TcpPeer):
     def start(self):
         self.output = self.output or self.path("capture.fstrm")
         self.spawn_listening(["fstrm_capture", "-t",
-                              frames.CONTENT_TYPE.decode(), "-w", self.output,
+                              fstrm.CONTENT_TYPE.decode(), "-w", self.output,
                               "-a", LOOPBACK, "-p", self.port])
 
     def stop(self):
         if self.popen is not None:
             super().stop(signal.SIGINT)
-            self.payloads = frames.read_payloads(self.output)
+            self.payloads = fstrm.read_payloads(self.output)
 
 
 def dnstap_objects(path):

@@ -5,9 +5,10 @@
 
 import ipaddress
 import json
+import os
 import re
 
-import collectors
+import fstrm
 import harness
 import peers
 
@@ -15,7 +16,7 @@ COUNT = 400
 MASK = (1 << 64) - 1
 
 
-def questions(path):
+def parse_questions(path):
     # (name, type, id, client address, client port) of each record of a
     # file, as the dnstap tool shows it; names in lower case, no final dot.
     out = []
@@ -51,53 +52,44 @@ def under(name, domain):
 
 class Filters(harness.RelayTest):
 
-    def setUp(self):
-        super().setUp()
+    def test_drop_sample_and_truncate_rules(self):
         harness.require("fstrm_replay", "dnstap")
-        self.source, self.payloads = self.generate(COUNT, 16)
-        self.questions = questions(self.source)
-        self.list = self.write_list(["# noise", "Example.COM.", "shop.example"])
+        source, payloads = self.generate(COUNT, 16)
+        questions = parse_questions(source)
+        drop_list = os.path.join(self.directory, "drop.list")
+        with open(drop_list, "w") as handle:
+            handle.write("# noise\nExample.COM.\nshop.example\n")
+        dropped = [under(name, "example.com") or under(name, "shop.example")
+                   for name, *_ in questions]
 
-    def write_list(self, names):
-        path = "%s/drop.list" % self.directory
-        with open(path, "w") as handle:
-            handle.write("\n".join(names) + "\n")
-        return path
-
-    def test_untouched_frames_pass_byte_for_byte(self):
-        expected = [p for p, (name, qtype, *_) in
-                    zip(self.payloads, self.questions)
-                    if not under(name, "example.com")
-                    and not under(name, "shop.example") and qtype != "PTR"]
+        # The frames no rule touched pass byte for byte.
+        expected = [p for p, drop, (_, qtype, *_) in
+                    zip(payloads, dropped, questions)
+                    if not drop and qtype != "PTR"]
         self.assertTrue(0 < len(expected) < COUNT)
-        with collectors.FrameCollector() as collector:
+        with fstrm.Collector(harness.free_port()) as collector:
             with self.agent(collector.address, "",
-                            "filter-drop-domain-file " + self.list,
+                            "filter-drop-domain-file " + drop_list,
                             "filter-drop-type PTR") as agent:
-                self.replay(self.source)
-                metrics = agent.wait_sent(len(expected))
+                self.replay(source)
+                listener = agent.wait_sent(len(expected))["listener"][0]
             self.assertEqual(collector.wait_count(len(expected)), expected)
-        listener = metrics["listener"][0]
         self.assertEqual(listener["droppedByDomain"] + listener["droppedByType"],
                          COUNT - len(expected))
         self.assertNotIn("sampledOut", listener)
 
-    def test_json_shows_survivors_with_truncated_clients(self):
-        expected = []
-        for name, _, txid, client, port in self.questions:
-            if under(name, "example.com") or under(name, "shop.example") or \
-                    not sampled_in(client.packed, port, txid, 3):
-                continue
-            prefix = 24 if client.version == 4 else 56
-            network = ipaddress.ip_network((client, prefix), strict=False)
-            expected.append((str(network.network_address), port, txid))
-        with self.agent((harness.LOOPBACK, 9), "",
-                        "message-format json",
-                        "filter-drop-domain-file " + self.list,
+        # The JSON lines show the survivors of a sample, clients truncated.
+        expected = [(str(ipaddress.ip_network(
+            (client, 24 if client.version == 4 else 56),
+            strict=False).network_address), port, txid)
+            for drop, (_, _, txid, client, port) in zip(dropped, questions)
+            if not drop and sampled_in(client.packed, port, txid, 3)]
+        with self.agent((harness.LOOPBACK, 9), "", "message-format json",
+                        "filter-drop-domain-file " + drop_list,
                         "filter-sample-one-in 3",
                         "filter-client-address truncate",
                         command="run-stdout") as agent:
-            self.replay(self.source)
+            self.replay(source)
             agent.wait_sent(len(expected))
             lines = [json.loads(line) for line in agent.log().splitlines()
                      if line.startswith("{")]

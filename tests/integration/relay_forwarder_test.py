@@ -1,18 +1,23 @@
-# Collector failures seen from the forwarder: one that drops mid-stream under
-# each recovery mode, an agent restarted with events queued, and a collector
-# up late behind a queue that overflowed (newest kept, drops counted).
+# The forwarder: a lone event into an idle agent goes out at once, round after
+# round; a collector that drops mid-stream costs what each recovery mode
+# promises, at a slow rate and at full speed; and a collector up late behind
+# a queue that overflowed gets the newest events (the drops counted).
 
-import os
 import time
 
-import collectors
+import fstrm
 import harness
 
 RETRY_SECONDS = 10
 START = ("--start-time", 1700000000)
+ROUNDS = 200
+# The promised bound for a lone event; a loaded machine may miss it now and
+# then, a lost wake-up would miss it every time it happens.
+BOUND = 0.1
+HARD_BOUND = 1.0
 
 
-class CollectorFaults(harness.RelayTest):
+class Forwarder(harness.RelayTest):
 
     def setUp(self):
         super().setUp()
@@ -22,8 +27,28 @@ class CollectorFaults(harness.RelayTest):
         return super().agent((harness.LOOPBACK, self.collector_port), options,
                              *settings)
 
-    def collector(self, drop_after=None):
-        return collectors.FrameCollector(self.collector_port, drop_after)
+    def collector(self, drop_after=None, slow=None):
+        return fstrm.Collector(self.collector_port, drop_after, slow)
+
+    def test_a_lone_event_is_forwarded_at_once(self):
+        _, payloads = self.generate(ROUNDS, 51)
+        with self.collector() as collector, self.agent("batch-size=100"), \
+                fstrm.Client(self.port) as sender:
+            sender.control(fstrm.START)
+            delays = []
+            for count, payload in enumerate(payloads, 1):
+                # Right after the previous arrival the forwarder is on its
+                # way back to sleep: the moment a wake-up gets lost.
+                sent = time.monotonic()
+                sender.send([payload])
+                while len(collector.received()) < count:
+                    self.assertLess(time.monotonic() - sent, HARD_BOUND,
+                                    "event %d not forwarded" % count)
+                    time.sleep(0.0005)
+                delays.append(time.monotonic() - sent)
+            self.assertEqual(collector.received(), payloads)
+        late = [delay for delay in delays if delay > BOUND]
+        self.assertLessEqual(len(late), ROUNDS // 50, "late: %s" % late)
 
     def test_recovery_modes_when_the_collector_drops(self):
         # 300 events at a slow rate to a collector that resets the first
@@ -36,10 +61,10 @@ class CollectorFaults(harness.RelayTest):
             with self.subTest(mode=mode), self.collector(45) as collector, \
                     self.agent("batch-size=%d recovery=%s" %
                                (batch, mode)) as relay:
-                harness.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
-                                300, "--rate", 400, "--seed", 3, *START)
+                self.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
+                             300, "--rate", 400, "--seed", 3, *START)
                 relay.wait_metrics(
-                    lambda m: m["forwarder"][0]["connects"] >= 2 and
+                    lambda m: m["forwarder"][0]["connects"] == 2 and
                     m["queue"][0]["eventsQueued"] == 0 and
                     m["forwarder"][0]["eventsSent"] >= 255,
                     "the stream to drain")
@@ -48,7 +73,6 @@ class CollectorFaults(harness.RelayTest):
                 missing = [p for p in sent if p not in got]
                 log = relay.log()
                 self.assertLessEqual(len(missing), most_lost)
-                self.assertEqual(len(collector.handshakes), 2)
                 self.assertIn("Forwarder[0]: Connection error: ", log)
                 self.assertEqual(
                     "previous events back to the event queue" in log,
@@ -63,35 +87,19 @@ class CollectorFaults(harness.RelayTest):
     def test_durable_recovers_a_reset_at_full_speed(self):
         # At full speed the agent's send buffer holds thousands of events
         # when a collector slower than it resets: durable sends again every
-        # one its TCP did not acknowledge. (bench/collector_reset.py compares
-        # the recovery modes.)
+        # one its TCP did not acknowledge; what the collector threw away
+        # unprocessed, its TCP had acknowledged: no sender can know of it.
+        # (bench/collector_reset.py compares the recovery modes.)
         count = 60000
         sent = self.generate(count, 13, *START)[1]
-        with collectors.FrameCollector(self.collector_port, 5000,
-                                       slow=16384) as collector, \
-                self.agent("recovery=durable") as relay:
-            harness.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
-                            count, "--seed", 13, *START)
-            relay.wait_metrics(
-                lambda m: m["forwarder"][0]["connects"] >= 2 and
-                m["queue"][0]["eventsQueued"] == 0, "the stream to drain", 60)
-            # What the collector threw away unprocessed, its TCP had
-            # acknowledged: no sender can know of it.
-            got = set(collector.wait_settled()) | set(collector.discarded)
-        self.assertEqual(sum(1 for p in sent if p not in got), 0)
-
-    def test_restart_keeps_queued_events(self):
-        path, payloads = self.generate(150, 31)
-        with self.agent() as relay:
-            self.replay(path)
-            relay.wait_metrics(lambda m: m["queue"][0]["eventsQueued"] == 150,
-                               "events waiting in the queue")
-            relay.stop()
-            self.assertGreater(
-                os.path.getsize(relay.path("message.queue")), 150 * 100)
-            with self.collector() as collector:
-                relay.start()
-                self.assertEqual(collector.wait_count(150), payloads)
+        with self.collector(5000, slow=16384) as collector, \
+                self.agent("recovery=durable"):
+            self.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count",
+                         count, "--seed", 13, *START)
+            harness.wait_until(
+                lambda: set(sent) <= set(collector.received()) |
+                set(collector.discarded), "every event at the collector", 60,
+                interval=1)
 
     def test_late_collector_gets_the_newest_events(self):
         # No collector while 1000 events arrive into room for about a tenth:
@@ -112,10 +120,9 @@ class CollectorFaults(harness.RelayTest):
             self.assertGreater(time.monotonic() - started, RETRY_SECONDS - 3)
             self.assertEqual(first["forwarder"][0]["state"], "not-connected")
             self.assertIn("Connection error: connect() failed: ", relay.log())
-            self.assertGreater(queued, 50)
-            self.assertLess(queued, 150)
-            self.assertEqual(relay.total("queue", "eventsDropped"),
-                             1000 - queued)
+            self.assertTrue(50 < queued < 150, queued)
+            self.assertEqual(sum(m["queue"][0].get("eventsDropped", 0)
+                                 for m in relay.metrics()), 1000 - queued)
             with self.collector() as collector:
                 self.assertEqual(collector.wait_count(
                     queued, RETRY_SECONDS + 20), payloads[-queued:])
