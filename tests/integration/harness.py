@@ -173,17 +173,6 @@ class Peer:
                 shutil.rmtree(self.workdir, ignore_errors=True)
 
 
-def parse_metrics(line):
-    """A "Metrics: " line as {group: [{key: value}]}; numbers become ints."""
-    groups = {}
-    for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
-                                 line.split("Metrics: ", 1)[1]):
-        fields = dict(pair.partition("=")[::2] for pair in body.split())
-        groups.setdefault(name, []).append(
-            {k: int(v) if v.isdigit() else v for k, v in fields.items()})
-    return groups
-
-
 class Agent(Peer):
     # `vantrelo run` (or another run command) on a configuration given as
     # lines; start() waits until it listens on every port (int) and Unix socket
@@ -223,8 +212,17 @@ class Agent(Peer):
                    "%d log line(s) with %r" % (count, text), peer=self)
 
     def metrics(self):
-        return [parse_metrics(line) for line in self.log().splitlines()
-                if "Metrics: " in line]
+        """The "Metrics: " lines, each as {group: [{key: value}]}."""
+        found = []
+        for line in self.log().splitlines():
+            if "Metrics: " in line:
+                found.append({})
+                for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
+                                             line.split("Metrics: ", 1)[1]):
+                    fields = (pair.partition("=") for pair in body.split())
+                    found[-1].setdefault(name, []).append(
+                        {k: int(v) if v.isdigit() else v for k, _, v in fields})
+        return found
 
     def wait_metrics(self, predicate, what, timeout=TIMEOUT, since=0):
         """Waits for a metrics line (after the first since) that satisfies

@@ -20,13 +20,10 @@ ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
 class _TcpPeer(Peer):
     """A peer listening on a fresh loopback port, ready once it listens."""
 
-    def write_zone(self):
-        return self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
-                          "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
-
-    def spawn_listening(self, argv):
-        self.spawn(argv, lambda: listening(self.port),
-                   "%s listening on %d" % (self.name, self.port))
+    def spawn_listening(self, argv, also_ready=""):
+        self.spawn(argv, lambda: listening(self.port) and
+                   also_ready in self.log(),
+                   "%s listening on %d %s" % (self.name, self.port, also_ready))
 
     def __enter__(self):
         self.port = free_port()
@@ -34,20 +31,33 @@ class _TcpPeer(Peer):
         return super().__enter__()
 
 
-class UnboundServer(_TcpPeer):
-    # Unbound answering from the local zone, refusing everything else and
-    # sending client queries and responses as dnstap to a TCP (host, port).
+class DnsServer(_TcpPeer):
+    # A DNS server answering from the zone only (named without recursion,
+    # Unbound refusing everything else), sending its queries and responses
+    # as dnstap to target: Unbound a TCP (host, port), Knot and named a Unix
+    # socket path; the last two reopen it only after a while when it has
+    # failed, so start the agent first. Knot loads the zone in the background
+    # and logs it; named logs "running" once it has loaded and answers.
 
-    name = "unbound"
-
-    def __init__(self, dnstap_tcp):
-        self.dnstap_tcp = dnstap_tcp
+    def __init__(self, name, target):
+        self.name, self.target = name, target
 
     def start(self):
+        zone = self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
+                          "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
+        config = self.write(self.name + ".conf", getattr(
+            self, self.name + "_config")(zone))
+        self.spawn_listening(*{
+            "unbound": (["unbound", "-d", "-c", config],),
+            "knot": (["knotd", "-c", config], "[%s] loaded" % ZONE),
+            "named": (["named", "-g", "-n", "1", "-c", config], "running"),
+        }[self.name])
+
+    def unbound_config(self, _):
         data = "".join('    local-data: "%s %s %s"\n' % (
             ZONE if owner == "@" else owner + "." + ZONE, rtype, rdata)
             for owner, rtype, rdata in ZONE_RECORDS)
-        config = self.write("unbound.conf", f"""server:
+        return f"""server:
     interface: {LOOPBACK}@{self.port}
     username: ""
     chroot: ""
@@ -61,29 +71,16 @@ class UnboundServer(_TcpPeer):
     local-zone: "{ZONE}" static
 {data}dnstap:
     dnstap-enable: yes
-    dnstap-ip: "{self.dnstap_tcp[0]}@{self.dnstap_tcp[1]}"
+    dnstap-ip: "{self.target[0]}@{self.target[1]}"
     dnstap-tls: no
     dnstap-send-identity: yes
     dnstap-identity: "unbound-peer"
     dnstap-log-client-query-messages: yes
     dnstap-log-client-response-messages: yes
-""")
-        self.spawn_listening(["unbound", "-d", "-c", config])
+"""
 
-
-class KnotServer(_TcpPeer):
-    # Knot serving the zone and sending its queries and responses as dnstap to
-    # a Unix socket path. Its writer retries every few seconds, so start the
-    # collector first.
-
-    name = "knot"
-
-    def __init__(self, dnstap_unix):
-        self.dnstap_unix = dnstap_unix
-
-    def start(self):
-        zone = self.write_zone()
-        config = self.write("knot.conf", f"""server:
+    def knot_config(self, zone):
+        return f"""server:
     rundir: "{self.workdir}"
     listen: {LOOPBACK}@{self.port}
 database:
@@ -93,7 +90,7 @@ log:
     any: info
 mod-dnstap:
   - id: tap
-    sink: "unix:{self.dnstap_unix}"
+    sink: "unix:{self.target}"
     identity: "knot-peer"
     log-queries: on
     log-responses: on
@@ -104,28 +101,10 @@ template:
 zone:
   - domain: {ZONE}
     file: "{zone}"
-""")
-        # The zone loads in the background; its log line is the signal, as a
-        # probe query would show up in the dnstap stream.
-        self.spawn(["knotd", "-c", config],
-                   lambda: listening(self.port) and
-                   "[%s] loaded" % ZONE in self.log(),
-                   "knotd loading %s" % ZONE)
+"""
 
-
-class BindServer(_TcpPeer):
-    # named, authoritative for the zone only (no recursion), sending client
-    # and authoritative queries and responses as dnstap to a Unix socket path.
-    # It reopens the socket when it has failed, so start the collector first.
-
-    name = "named"
-
-    def __init__(self, dnstap_unix):
-        self.dnstap_unix = dnstap_unix
-
-    def start(self):
-        zone = self.write_zone()
-        config = self.write("named.conf", f"""options {{
+    def named_config(self, zone):
+        return f"""options {{
     directory "{self.workdir}";
     pid-file "{self.path('named.pid')}";
     listen-on port {self.port} {{ {LOOPBACK}; }};
@@ -133,16 +112,11 @@ class BindServer(_TcpPeer):
     recursion no;
     dnssec-validation no;
     dnstap {{ client; auth; }};
-    dnstap-output unix "{self.dnstap_unix}";
+    dnstap-output unix "{self.target}";
     dnstap-identity "named-peer";
 }};
 zone "{ZONE}" {{ type primary; file "{zone}"; }};
-""")
-        # -g: foreground with the log on stderr; the zone loads before the
-        # server answers, and "running" follows both.
-        self.spawn(["named", "-g", "-n", "1", "-c", config],
-                   lambda: listening(self.port) and "running" in self.log(),
-                   "named running")
+"""
 
 
 class FstrmCapture(_TcpPeer):

@@ -4,7 +4,6 @@
 
 import struct
 import threading
-import time
 
 import fstrm
 import harness
@@ -51,7 +50,6 @@ class SenderFaults(harness.RelayTest):
         for name, act, message in BAD_SENDERS:
             with self.subTest(sender=name):
                 before = relay.log().count("]: Process loop failed: ")
-                started = time.monotonic()
                 with fstrm.Client(self.port) as sender:
                     act(sender)
                     if name != "closed mid-frame":
@@ -62,9 +60,6 @@ class SenderFaults(harness.RelayTest):
                 self.assertEqual(len(errors), 1, errors)
                 self.assertRegex(errors[0], r"^\[ERROR\] Receiver\[\d+\]: ")
                 self.assertIn(message, errors[0])
-                if name == "stall":
-                    # read-timeout 1 and keepalive 1: two silent waits.
-                    self.assertGreater(time.monotonic() - started, 1.5)
         with self.subTest(sender="one too many"):
             relay.wait_metrics(
                 lambda m: m["listener"][0]["activeReceivers"] == 1,

@@ -52,13 +52,13 @@ class Senders(harness.RelayTest):
         harness.require("unbound", "knotd", "named", "dig", "fstrm_capture",
                         "dnstap", root=True)
         servers = (  # (server, the kinds of its records for RD, RD asked)
-            (peers.UnboundServer((harness.LOOPBACK, self.port)),
+            (peers.DnsServer("unbound", (harness.LOOPBACK, self.port)),
              lambda rd: ("CLIENT_QUERY", "CLIENT_RESPONSE"), (True,)),
-            (peers.KnotServer(self.socket_path),
+            (peers.DnsServer("knot", self.socket_path),
              lambda rd: ("AUTH_QUERY", "AUTH_RESPONSE"), (True,)),
             # named taps a response to a query with RD as CLIENT_RESPONSE,
             # one without as AUTH_RESPONSE, which names the zone.
-            (peers.BindServer(self.socket_path), lambda rd: (
+            (peers.DnsServer("named", self.socket_path), lambda rd: (
                 "AUTH_QUERY", "CLIENT_RESPONSE" if rd else "AUTH_RESPONSE"),
              (True, False)))
         relayed = os.path.join(self.directory, "relayed.fstrm")
