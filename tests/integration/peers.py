@@ -1,13 +1,16 @@
 # Real programs the end-to-end tests talk to on loopback: DNS servers that send
 # dnstap (in the foreground, inside their directory, answering only from a
-# local zone), collectors, and dig.
+# local zone), collectors, the monitoring server, and dig.
 
 import json
 import re
 import signal
+import urllib.error
+import urllib.parse
+import urllib.request
 
 import fstrm
-from harness import LOOPBACK, Peer, free_port, listening, run_tool
+from harness import LOOPBACK, Peer, PeerError, free_port, listening, run_tool
 
 ZONE = "example.test."
 ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
@@ -25,8 +28,10 @@ class _TcpPeer(Peer):
                    also_ready in self.log(),
                    "%s listening on %d %s" % (self.name, self.port, also_ready))
 
+    port = None  # a fixed one, or a fresh one for each start
+
     def __enter__(self):
-        self.port = free_port()
+        self.port = self.port or free_port()
         self.address = (LOOPBACK, self.port)
         return super().__enter__()
 
@@ -154,6 +159,9 @@ class DnstapListener(_TcpPeer):
 
     name = "dnstap-listener"
 
+    def __init__(self, port=None):
+        self.port = port
+
     def start(self):
         self.spawn_listening(["dnstap", "-j", "-w", self.path("dnstap.json"),
                               "-l", "%s:%d" % self.address])
@@ -185,6 +193,51 @@ input(type="imtcp" address="{LOOPBACK}" port="{self.port}" ruleset="collect")
 
     def lines(self):
         return self.read("received.log").splitlines()
+
+
+def http_get(port, path):
+    """(status, content type, body) of GET http://127.0.0.1:port/path."""
+    try:
+        with urllib.request.urlopen("http://%s:%d%s" % (
+                LOOPBACK, port, path), timeout=10) as response:
+            return (response.status, response.headers["Content-Type"],
+                    response.read().decode())
+    except urllib.error.HTTPError as error:
+        return error.code, error.headers["Content-Type"], error.read().decode()
+
+
+class PrometheusServer(_TcpPeer):
+    # The monitoring server scraping one target every second, its data in its
+    # own directory, its HTTP API on a free loopback port.
+
+    name = "prometheus"
+
+    def __init__(self, target_port):
+        self.target_port = target_port
+
+    def start(self):
+        config = self.write("prometheus.yml", """global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+scrape_configs:
+  - job_name: vantrelo
+    static_configs:
+      - targets: ["%s:%d"]
+""" % (LOOPBACK, self.target_port))
+        self.spawn_listening(["prometheus", "--config.file=" + config,
+                              "--storage.tsdb.path=" + self.path("data"),
+                              "--web.listen-address=%s:%d" % self.address])
+
+    def query(self, expression):
+        """The values of an instant query, as floats; none while starting."""
+        status, _, body = http_get(self.port, "/api/v1/query?query=" +
+                                   urllib.parse.quote(expression))
+        if status == 503:  # the storage is still opening
+            return []
+        result = json.loads(body)
+        if status != 200 or result["status"] != "success":
+            raise PeerError("query %s: %s" % (expression, body))
+        return [float(item["value"][1]) for item in result["data"]["result"]]
 
 
 def dig(port, name, qtype, tcp, recurse=True):
