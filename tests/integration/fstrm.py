@@ -94,7 +94,7 @@ class Collector:
     def __init__(self, port, drop_after=None, slow=None):
         self.address = ("127.0.0.1", port)
         self.drop_after, self.slow = drop_after, slow
-        self.handshakes = []  # the first control type of every connection
+        self.connections = 0
         self._received, self._lock = [], threading.Lock()
         self._stopping = False
 
@@ -132,15 +132,16 @@ class Collector:
             if self.slow:
                 conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF,
                                 4 * self.slow)
+            self.connections += 1
             with conn:
                 try:
-                    self._serve(conn, None if self.handshakes else
-                                self.drop_after)
+                    self._serve(conn, self.drop_after
+                                if self.connections == 1 else None)
                 except OSError:
                     pass
 
     def _serve(self, conn, limit):
-        buffer, handshake = bytearray(), None
+        buffer = bytearray()
         while not self._stopping:
             frame = take_frame(buffer)
             if frame is None:
@@ -158,15 +159,10 @@ class Collector:
                 limit = None if limit is None else limit - 1
                 if limit == 0:
                     return self._reset(conn, buffer)
-            elif handshake is None:
-                handshake = frame[0]
-                self.handshakes.append(handshake)
-                if handshake == READY:
-                    conn.sendall(control_frame(ACCEPT, CONTENT_TYPE))
+            elif frame[0] == READY:
+                conn.sendall(control_frame(ACCEPT, CONTENT_TYPE))
             elif frame[0] == STOP:
-                if handshake == READY:
-                    conn.sendall(control_frame(FINISH))
-                return
+                return conn.sendall(control_frame(FINISH))
 
     def _reset(self, conn, buffer):
         # Peeking does not open the receive window, so nothing more arrives;

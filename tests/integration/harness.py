@@ -79,19 +79,6 @@ def require(*tools, root=False):
         raise unittest.SkipTest("the DNS server peers need root")
 
 
-def send_file(path, target, tool="fstrm_replay"):
-    # Sends a Frame Streams file with fstrm_replay (bidirectional) or the
-    # dnstap tool to a (host, port) or a Unix socket path.
-    require(tool)
-    unix = isinstance(target, str)
-    if tool == "fstrm_replay":
-        where = ["-t", fstrm.CONTENT_TYPE.decode()] + (
-            ["-u", target] if unix else ["-a", target[0], "-p", target[1]])
-    else:
-        where = ["-U", target] if unix else ["-T", "%s:%d" % target]
-    run_tool([tool, "-r", path] + where)
-
-
 def queue_file_events(path):
     """The events of a queue file: magic, then length, checksum, bytes."""
     with open(path, "rb") as handle:
@@ -246,6 +233,7 @@ class RelayTest(unittest.TestCase):
         self.directory = self.enterContext(
             tempfile.TemporaryDirectory(prefix="vt-test-"))
         self.port = free_port()
+        require("fstrm_replay")
 
     def generate(self, count, seed, *options):
         """Load-generator events in a file: (path, payloads)."""
@@ -256,8 +244,7 @@ class RelayTest(unittest.TestCase):
         return path, fstrm.read_payloads(path)
 
     def loadgen(self, *args):
-        out = run_tool([os.environ["VANTRELO_LOADGEN"]] + list(args))
-        self.assertRegex(out, r"Sent \d+ events, \d+ bytes in [\d.]+ seconds")
+        run_tool([os.environ["VANTRELO_LOADGEN"]] + list(args))
 
     def agent(self, forward_to, options="", *settings, listener="", unix=None,
               command="run"):
@@ -274,7 +261,10 @@ class RelayTest(unittest.TestCase):
         return Agent(lines, [self.port] + ([unix] if unix else []), command)
 
     def replay(self, path):
-        send_file(path, (LOOPBACK, self.port))
+        # fstrm_replay, bidirectional: it ends once the agent has answered its
+        # STOP, so every event has reached the queue by then.
+        run_tool(["fstrm_replay", "-r", path, "-t", fstrm.CONTENT_TYPE.decode(),
+                  "-a", LOOPBACK, "-p", self.port])
 
 
 def main():

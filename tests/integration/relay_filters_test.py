@@ -53,7 +53,7 @@ def under(name, domain):
 class Filters(harness.RelayTest):
 
     def test_drop_sample_and_truncate_rules(self):
-        harness.require("fstrm_replay", "dnstap")
+        harness.require("dnstap")
         source, payloads = self.generate(COUNT, 16)
         questions = parse_questions(source)
         drop_list = os.path.join(self.directory, "drop.list")

@@ -8,6 +8,7 @@ import json
 import os
 import re
 
+import fstrm
 import harness
 import peers
 
@@ -30,15 +31,18 @@ class Senders(harness.RelayTest):
                              unix=self.socket_path)
 
     def test_file_senders(self):
-        harness.require("fstrm_capture")
+        harness.require("fstrm_capture", "fstrm_replay", "dnstap")
         source, payloads = self.generate(300, 11)
-        sends = [(tool, target) for target in ((harness.LOOPBACK, self.port),
-                                               self.socket_path)
-                 for tool in ("fstrm_replay", "dnstap")]
+        kind = ["-t", fstrm.CONTENT_TYPE.decode()]
+        sends = (["fstrm_replay"] + kind + ["-a", harness.LOOPBACK, "-p",
+                                            self.port],
+                 ["dnstap", "-T", "%s:%d" % (harness.LOOPBACK, self.port)],
+                 ["fstrm_replay"] + kind + ["-u", self.socket_path],
+                 ["dnstap", "-U", self.socket_path])
         with peers.FstrmCapture() as capture:
             with self.agent(capture) as agent:
-                for count, (tool, target) in enumerate(sends, 1):
-                    harness.send_file(source, target, tool)
+                for count, send in enumerate(sends, 1):
+                    harness.run_tool(send + ["-r", source])
                     metrics = agent.wait_sent(count * len(payloads))
             self.assertEqual([(entry["type"], entry["accepts"]) for entry in
                               metrics["listener"]], [("ipv4", 2), ("unix", 2)])

@@ -30,8 +30,6 @@ class Stop(harness.RelayTest):
         with fstrm.Collector(self.collector_port, slow=4096) as collector, \
                 self.agent((harness.LOOPBACK, self.collector_port),
                            "batch-size=50 send-buffer-size=16384") as relay:
-            # fstrm_replay ends once the agent has answered its STOP, so
-            # every event has reached the queue by then.
             self.replay(path)
             collector.wait_count(500)
             relay.stop()
