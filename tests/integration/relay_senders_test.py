@@ -1,9 +1,11 @@
 # Real dnstap senders into the agent, relayed to fstrm_capture unchanged:
-# fstrm_replay and the dnstap tool over TCP and a Unix socket, then Unbound
-# over TCP, Knot and named over the Unix socket while dig asks them; their
-# records then come out as JSON when the relayed file is sent again. The DNS
+# fstrm_replay and the dnstap tool over TCP and a Unix socket through the edge
+# filters, then Unbound over TCP, Knot and named over the Unix socket while dig
+# asks them. Their records come out as JSON when sent again: the survivors of
+# a sample with clients truncated, and every DNS server's record. The DNS
 # servers need root.
 
+import ipaddress
 import json
 import os
 import re
@@ -19,6 +21,44 @@ QUERIES = (("www.example.test.", "A", "NOERROR", 1),
            ("nope.example.test.", "A", "NXDOMAIN", 0))
 
 
+COUNT = 400
+MASK = (1 << 64) - 1
+
+
+def parse_questions(path):
+    # (name, type, id, client address, client port) of each record of a
+    # file, as the dnstap tool shows it; names in lower case, no final dot.
+    out = []
+    for record in peers.dnstap_objects(path):
+        message = record["message"]
+        text = message.get("query_message") or message["response_message"]
+        name, qtype = re.search(r"QUESTION SECTION:\n;(\S+)\tIN\t\s*(\w+)",
+                                text).groups()
+        out.append((name.rstrip(".").lower(), qtype,
+                    int(re.search(r"id: (\d+)", text).group(1)),
+                    ipaddress.ip_address(message["query_address"]),
+                    message["query_port"]))
+    return out
+
+
+def sampled_in(address, port, txid, one_in):
+    # The agent's documented sampling key: FNV-1a 64 over the address bytes,
+    # port and id (big-endian), then the 64-bit finaliser.
+    h = 0xCBF29CE484222325
+    for byte in address + bytes([port >> 8 & 255, port & 255, txid >> 8,
+                                 txid & 255]):
+        h = ((h ^ byte) * 0x100000001B3) & MASK
+    for multiplier in (0xFF51AFD7ED558CCD, 0xC4CEB9FE1A85EC53):
+        h ^= h >> 33
+        h = (h * multiplier) & MASK
+    h ^= h >> 33
+    return h % one_in == 0
+
+
+def under(name, domain):
+    return name == domain or name.endswith("." + domain)
+
+
 class Senders(harness.RelayTest):
     maxDiff = None
 
@@ -26,13 +66,26 @@ class Senders(harness.RelayTest):
         super().setUp()
         self.socket_path = os.path.join(self.directory, "relay.sock")
 
-    def agent(self, capture):
-        return super().agent(capture.address, "batch-size=50",
+    def agent(self, capture, *settings):
+        return super().agent(capture.address, "batch-size=50", *settings,
                              unix=self.socket_path)
 
-    def test_file_senders(self):
-        harness.require("fstrm_capture", "fstrm_replay", "dnstap")
-        source, payloads = self.generate(300, 11)
+    def test_file_senders_through_filters(self):
+        # Load-generator records (read back by the dnstap tool) filtered by
+        # name and type: the frames no rule touched pass byte for byte, from
+        # fstrm_replay and the dnstap tool over TCP and the Unix socket.
+        harness.require("fstrm_capture", "dnstap")
+        source, payloads = self.generate(COUNT, 16)
+        questions = parse_questions(source)
+        drop_list = os.path.join(self.directory, "drop.list")
+        with open(drop_list, "w") as handle:
+            handle.write("# noise\nExample.COM.\nshop.example\n")
+        dropped = [under(name, "example.com") or under(name, "shop.example")
+                   for name, *_ in questions]
+        expected = [p for p, drop, (_, qtype, *_) in
+                    zip(payloads, dropped, questions)
+                    if not drop and qtype != "PTR"]
+        self.assertTrue(0 < len(expected) < COUNT)
         kind = ["-t", fstrm.CONTENT_TYPE.decode()]
         sends = (["fstrm_replay"] + kind + ["-a", harness.LOOPBACK, "-p",
                                             self.port],
@@ -40,14 +93,30 @@ class Senders(harness.RelayTest):
                  ["fstrm_replay"] + kind + ["-u", self.socket_path],
                  ["dnstap", "-U", self.socket_path])
         with peers.FstrmCapture() as capture:
-            with self.agent(capture) as agent:
+            with self.agent(capture, "filter-drop-domain-file " + drop_list,
+                            "filter-drop-type PTR") as agent:
                 for count, send in enumerate(sends, 1):
                     harness.run_tool(send + ["-r", source])
-                    metrics = agent.wait_sent(count * len(payloads))
-            self.assertEqual([(entry["type"], entry["accepts"]) for entry in
-                              metrics["listener"]], [("ipv4", 2), ("unix", 2)])
-            self.assertEqual(metrics["listener"][1]["path"], self.socket_path)
-        self.assertEqual(capture.payloads, payloads * len(sends))
+                    agent.wait_sent(count * len(expected))
+        self.assertEqual(capture.payloads, expected * len(sends))
+
+        # The JSON lines show the survivors of a sample, clients truncated.
+        expected = [(str(ipaddress.ip_network(
+            (client, 24 if client.version == 4 else 56),
+            strict=False).network_address), port, txid)
+            for drop, (_, _, txid, client, port) in zip(dropped, questions)
+            if not drop and sampled_in(client.packed, port, txid, 3)]
+        with super().agent((harness.LOOPBACK, 9), "", "message-format json",
+                           "filter-drop-domain-file " + drop_list,
+                           "filter-sample-one-in 3",
+                           "filter-client-address truncate",
+                           command="run-stdout") as agent:
+            self.replay(source)
+            agent.wait_sent(len(expected))
+            lines = [json.loads(line) for line in agent.log().splitlines()
+                     if line.startswith("{")]
+        self.assertEqual([(line["data"]["client"], line["data"]["port"],
+                           line["data"]["txid"]) for line in lines], expected)
 
     def test_dns_servers(self):
         # Each server in turn while dig asks every query over UDP and TCP:
