@@ -148,9 +148,21 @@ class FstrmCapture(_TcpPeer):
 
 
 def dnstap_objects(path):
-    """The records of a Frame Streams file as the dnstap tool shows them."""
-    return [json.loads(line) for line in
-            run_tool(["dnstap", "-r", path, "-j"]).splitlines()]
+    # The records of a Frame Streams file as the dnstap tool shows them, each
+    # message with the DNS header and question it shows read into "dns":
+    # (status, id, RD, answer count, name in lower case without the final
+    # dot, type).
+    records = [json.loads(line) for line in
+               run_tool(["dnstap", "-r", path, "-j"]).splitlines()]
+    for record in records:
+        message = record["message"]
+        text = message[message["type"].lower().split("_")[1] + "_message"]
+        status, ident, flags, answers, name, qtype = re.search(
+            r"status: (\w+), id: (\d+)\n;; flags:([^;]*);.*?ANSWER: (\d+)"
+            r".*?QUESTION SECTION:\n;(\S+)\tIN\t\s*(\w+)", text, re.S).groups()
+        message["dns"] = (status, int(ident), "rd" in flags.split(),
+                          int(answers), name.rstrip(".").lower(), qtype)
+    return records
 
 
 class DnstapListener(_TcpPeer):
