@@ -206,9 +206,9 @@ class Agent(Peer):
                 found.append({})
                 for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
                                              line.split("Metrics: ", 1)[1]):
-                    fields = (pair.partition("=") for pair in body.split())
+                    fields = (pair.split("=", 1) for pair in body.split())
                     found[-1].setdefault(name, []).append(
-                        {k: int(v) if v.isdigit() else v for k, _, v in fields})
+                        {k: int(v) if v.isdigit() else v for k, v in fields})
         return found
 
     def wait_metrics(self, predicate, what, timeout=TIMEOUT, since=0):
@@ -263,8 +263,8 @@ class RelayTest(unittest.TestCase):
     def replay(self, path):
         # fstrm_replay, bidirectional: it ends once the agent has answered its
         # STOP, so every event has reached the queue by then.
-        run_tool(["fstrm_replay", "-r", path, "-t", fstrm.CONTENT_TYPE.decode(),
-                  "-a", LOOPBACK, "-p", self.port])
+        run_tool(["fstrm_replay", "-r", path, "-a", LOOPBACK, "-p", self.port,
+                  "-t", fstrm.CONTENT_TYPE.decode()])
 
 
 def main():

@@ -25,8 +25,8 @@ class _TcpPeer(Peer):
 
     def spawn_listening(self, argv, also_ready=""):
         self.spawn(argv, lambda: listening(self.port) and
-                   also_ready in self.log(),
-                   "%s listening on %d %s" % (self.name, self.port, also_ready))
+                   also_ready in self.log(), "%s listening on %d %s" % (
+                       self.name, self.port, also_ready))
 
     port = None  # a fixed one, or a fresh one for each start
 

@@ -147,7 +147,8 @@ class Senders(harness.RelayTest):
             message = record["message"]
             status, ident, rd, answers = message["dns"][:4]
             got.append((record["identity"], message["type"],
-                        message["socket_protocol"], ident, rd, status, answers))
+                        message["socket_protocol"], ident, rd, status,
+                        answers))
             if message["type"] == "AUTH_RESPONSE" and \
                     record["identity"] == "named-peer":
                 self.assertEqual(message["query_zone"], peers.ZONE)

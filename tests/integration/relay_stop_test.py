@@ -80,7 +80,8 @@ class Stop(harness.RelayTest):
             # A TLS record header announcing a ClientHello, then nothing.
             ("stalled TLS sender", lambda: self.enterContext(
                 socket.create_connection((harness.LOOPBACK, tls_port)))
-             .sendall(b"\x16\x03\x01\x00\xc8\x01"), "Handling connection from"),
+             .sendall(b"\x16\x03\x01\x00\xc8\x01"),
+             "Handling connection from"),
             # Accepted by the kernel, never read: the handshake waits.
             ("deaf collector", lambda: self.enterContext(socket.create_server(
                 (harness.LOOPBACK, self.collector_port))), "]: Connected to"))
