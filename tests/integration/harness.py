@@ -13,12 +13,10 @@ import tempfile
 import time
 import unittest
 
-import frames
+import fstrm
 
 LOOPBACK = "127.0.0.1"
 TIMEOUT = 15.0
-_SOURCE = os.path.dirname(os.path.dirname(os.path.dirname(
-    os.path.abspath(__file__))))
 
 
 class PeerError(RuntimeError):
@@ -27,16 +25,15 @@ class PeerError(RuntimeError):
 
 def free_port():
     """A loopback port free for TCP and UDP (the DNS servers need both)."""
-    for _ in range(50):
+    while True:
         with socket.socket() as tcp, \
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
             tcp.bind((LOOPBACK, 0))
             try:
                 udp.bind(tcp.getsockname())
+                return tcp.getsockname()[1]
             except OSError:
-                continue
-            return tcp.getsockname()[1]
-    raise PeerError("no free loopback port found")
+                pass
 
 
 def listening(where):
@@ -63,14 +60,39 @@ def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
         time.sleep(interval)
 
 
-def run_tool(argv, timeout=30):
+def run_tool(argv, timeout=60):
     argv = [str(arg) for arg in argv]
     done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True,
                           capture_output=True, timeout=timeout)
     if done.returncode != 0:
-        raise PeerError("%s failed with code %d: %s%s" % (
+        raise PeerError("%s ended with code %d: %s%s" % (
             " ".join(argv), done.returncode, done.stdout, done.stderr))
     return done.stdout
+
+
+def require(*tools, root=False):
+    missing = [tool for tool in tools if shutil.which(tool) is None]
+    if missing:
+        raise unittest.SkipTest("not installed: %s (scripts/install-test-"
+                                "peers)" % " ".join(missing))
+    if root and os.geteuid() != 0:
+        raise unittest.SkipTest("the DNS server peers need root")
+
+
+def queue_file_events(path):
+    """The events of a queue file: magic, then length, checksum, bytes."""
+    with open(path, "rb") as handle:
+        data = handle.read()
+    assert data[:4] == b"sslz", "%s has no queue file magic" % path
+    events, offset = [], 4
+    while offset < len(data):
+        length = struct.unpack_from(">I", data, offset)[0]
+        event = data[offset + 5:offset + 5 + length]
+        assert len(event) == length and sum(event) % 256 == data[offset + 4], \
+            "bad queue file record at %d" % offset
+        events.append(event)
+        offset += 5 + length
+    return events
 
 
 class Peer:
@@ -138,70 +160,6 @@ class Peer:
                 shutil.rmtree(self.workdir, ignore_errors=True)
 
 
-def binary(variable, relative):
-    path = os.environ.get(variable) or os.path.join(_SOURCE, "build", relative)
-    if not os.access(path, os.X_OK):
-        raise unittest.SkipTest("%s not built (%s)" % (relative, path))
-    return path
-
-
-def require(*tools, root=False):
-    missing = [tool for tool in tools if shutil.which(tool) is None]
-    if missing:
-        raise unittest.SkipTest("not installed: %s (scripts/install-test-"
-                                "peers)" % " ".join(missing))
-    if root and os.geteuid() != 0:
-        raise unittest.SkipTest("the DNS server peers need root")
-
-
-def loadgen(*args):
-    out = run_tool([binary("VANTRELO_LOADGEN", "tools/vantrelo-loadgen")] +
-                   list(args), 60)
-    if not re.search(r"Sent \d+ events, \d+ bytes in [\d.]+ seconds", out):
-        raise PeerError("unexpected load generator output: %r" % out)
-
-
-def send_file(tool, path, target):
-    # Sends a Frame Streams file with fstrm_replay (bidirectional) or the
-    # dnstap tool to a (host, port) or a Unix socket path.
-    require(tool)
-    unix = isinstance(target, str)
-    if tool == "fstrm_replay":
-        where = ["-t", frames.CONTENT_TYPE.decode()] + (
-            ["-u", target] if unix else ["-a", target[0], "-p", target[1]])
-    else:
-        where = ["-U", target] if unix else ["-T", "%s:%d" % target]
-    run_tool([tool, "-r", path] + where)
-
-
-def queue_file_events(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    if data[:4] != b"sslz":
-        raise frames.CodecError("%s has no queue file magic" % path)
-    events, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        event = data[offset + 5:offset + 5 + length]
-        if len(event) != length or sum(event) % 256 != data[offset + 4]:
-            raise frames.CodecError("bad queue file record at %d" % offset)
-        events.append(event)
-        offset += 5 + length
-    return events
-
-
-def parse_metrics(line):
-    """A "Metrics: " line as {group: [{key: value}]}; numbers become ints."""
-    groups = {}
-    for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
-                                 line.split("Metrics: ", 1)[1]):
-        fields = dict(pair.partition("=")[::2] for pair in body.split())
-        groups.setdefault(name, []).append(
-            {k: int(v) if v.isdigit() else v for k, v in fields.items()})
-    return groups
-
-
 class Agent(Peer):
     # `vantrelo run` (or another run command) on a configuration given as
     # lines; start() waits until it listens on every port (int) and Unix socket
@@ -216,8 +174,8 @@ class Agent(Peer):
 
     def start(self):
         config = self.write("vantrelo.conf", "\n".join(self.config_lines))
-        self.spawn([binary("VANTRELO_BIN", "src/app/vantrelo"), self.command,
-                    config], lambda: all(map(listening, self.ready_on)),
+        self.spawn([os.environ["VANTRELO_BIN"], self.command, config],
+                   lambda: all(map(listening, self.ready_on)),
                    "vantrelo listening")
 
     def stop(self):
@@ -241,13 +199,23 @@ class Agent(Peer):
                    "%d log line(s) with %r" % (count, text), peer=self)
 
     def metrics(self):
-        return [parse_metrics(line) for line in self.log().splitlines()
-                if "Metrics: " in line]
-
-    def wait_metrics(self, predicate, what, timeout=TIMEOUT):
-        """Waits for a metrics line that satisfies predicate; returns it."""
+        """The "Metrics: " lines, each as {group: [{key: value}]}."""
         found = []
-        wait_until(lambda: found.extend(m for m in self.metrics()
+        for line in self.log().splitlines():
+            if "Metrics: " in line:
+                found.append({})
+                for name, body in re.findall(r"(\w+)\[([^\]]*)\]",
+                                             line.split("Metrics: ", 1)[1]):
+                    fields = (pair.split("=", 1) for pair in body.split())
+                    found[-1].setdefault(name, []).append(
+                        {k: int(v) if v.isdigit() else v for k, v in fields})
+        return found
+
+    def wait_metrics(self, predicate, what, timeout=TIMEOUT, since=0):
+        """Waits for a metrics line (after the first since) that satisfies
+        predicate; returns it."""
+        found = []
+        wait_until(lambda: found.extend(m for m in self.metrics()[since:]
                                         if predicate(m)) or found,
                    what, timeout, self, interval=0.2)
         return found[-1]
@@ -257,11 +225,6 @@ class Agent(Peer):
             lambda m: m["forwarder"][0]["eventsSent"] == count,
             "%d events counted as sent" % count, timeout)
 
-    def total(self, group, key):
-        """A per-interval counter summed over every metrics line."""
-        return sum(fields.get(key, 0) for metrics in self.metrics()
-                   for fields in metrics.get(group, []))
-
 
 class RelayTest(unittest.TestCase):
     """A temporary directory and a free listener port for each test."""
@@ -270,13 +233,18 @@ class RelayTest(unittest.TestCase):
         self.directory = self.enterContext(
             tempfile.TemporaryDirectory(prefix="vt-test-"))
         self.port = free_port()
+        require("fstrm_replay")
 
     def generate(self, count, seed, *options):
         """Load-generator events in a file: (path, payloads)."""
         path = os.path.join(self.directory,
                             "load-%d.fstrm" % len(os.listdir(self.directory)))
-        loadgen("--write", path, "--count", count, "--seed", seed, *options)
-        return path, frames.read_payloads(path)
+        self.loadgen("--write", path, "--count", count, "--seed", seed,
+                     *options)
+        return path, fstrm.read_payloads(path)
+
+    def loadgen(self, *args):
+        run_tool([os.environ["VANTRELO_LOADGEN"]] + list(args))
 
     def agent(self, forward_to, options="", *settings, listener="", unix=None,
               command="run"):
@@ -293,7 +261,10 @@ class RelayTest(unittest.TestCase):
         return Agent(lines, [self.port] + ([unix] if unix else []), command)
 
     def replay(self, path):
-        send_file("fstrm_replay", path, (LOOPBACK, self.port))
+        # fstrm_replay, bidirectional: it ends once the agent has answered its
+        # STOP, so every event has reached the queue by then.
+        run_tool(["fstrm_replay", "-r", path, "-a", LOOPBACK, "-p", self.port,
+                  "-t", fstrm.CONTENT_TYPE.decode()])
 
 
 def main():

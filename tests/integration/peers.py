@@ -1,13 +1,16 @@
 # Real programs the end-to-end tests talk to on loopback: DNS servers that send
 # dnstap (in the foreground, inside their directory, answering only from a
-# local zone), collectors, and dig.
+# local zone), collectors, the monitoring server, and dig.
 
 import json
 import re
 import signal
+import urllib.error
+import urllib.parse
+import urllib.request
 
-import frames
-from harness import LOOPBACK, Peer, free_port, listening, run_tool
+import fstrm
+from harness import LOOPBACK, Peer, PeerError, free_port, listening, run_tool
 
 ZONE = "example.test."
 ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
@@ -20,34 +23,46 @@ ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
 class _TcpPeer(Peer):
     """A peer listening on a fresh loopback port, ready once it listens."""
 
-    def write_zone(self):
-        return self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
-                          "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
+    def spawn_listening(self, argv, also_ready=""):
+        self.spawn(argv, lambda: listening(self.port) and
+                   also_ready in self.log(), "%s listening on %d %s" % (
+                       self.name, self.port, also_ready))
 
-    def spawn_listening(self, argv):
-        self.spawn(argv, lambda: listening(self.port),
-                   "%s listening on %d" % (self.name, self.port))
+    port = None  # a fixed one, or a fresh one for each start
 
     def __enter__(self):
-        self.port = free_port()
+        self.port = self.port or free_port()
         self.address = (LOOPBACK, self.port)
         return super().__enter__()
 
 
-class UnboundServer(_TcpPeer):
-    # Unbound answering from the local zone, refusing everything else and
-    # sending client queries and responses as dnstap to a TCP (host, port).
+class DnsServer(_TcpPeer):
+    # A DNS server answering from the zone only (named without recursion,
+    # Unbound refusing everything else), sending its queries and responses
+    # as dnstap to target: Unbound a TCP (host, port), Knot and named a Unix
+    # socket path; the last two reopen it only after a while when it has
+    # failed, so start the agent first. Knot loads the zone in the background
+    # and logs it; named logs "running" once it has loaded and answers.
 
-    name = "unbound"
-
-    def __init__(self, dnstap_tcp):
-        self.dnstap_tcp = dnstap_tcp
+    def __init__(self, name, target):
+        self.name, self.target = name, target
 
     def start(self):
+        zone = self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
+                          "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
+        config = self.write(self.name + ".conf", getattr(
+            self, self.name + "_config")(zone))
+        self.spawn_listening(*{
+            "unbound": (["unbound", "-d", "-c", config],),
+            "knot": (["knotd", "-c", config], "[%s] loaded" % ZONE),
+            "named": (["named", "-g", "-n", "1", "-c", config], "running"),
+        }[self.name])
+
+    def unbound_config(self, _):
         data = "".join('    local-data: "%s %s %s"\n' % (
             ZONE if owner == "@" else owner + "." + ZONE, rtype, rdata)
             for owner, rtype, rdata in ZONE_RECORDS)
-        config = self.write("unbound.conf", f"""server:
+        return f"""server:
     interface: {LOOPBACK}@{self.port}
     username: ""
     chroot: ""
@@ -61,29 +76,16 @@ class UnboundServer(_TcpPeer):
     local-zone: "{ZONE}" static
 {data}dnstap:
     dnstap-enable: yes
-    dnstap-ip: "{self.dnstap_tcp[0]}@{self.dnstap_tcp[1]}"
+    dnstap-ip: "{self.target[0]}@{self.target[1]}"
     dnstap-tls: no
     dnstap-send-identity: yes
     dnstap-identity: "unbound-peer"
     dnstap-log-client-query-messages: yes
     dnstap-log-client-response-messages: yes
-""")
-        self.spawn_listening(["unbound", "-d", "-c", config])
+"""
 
-
-class KnotServer(_TcpPeer):
-    # Knot serving the zone and sending its queries and responses as dnstap to
-    # a Unix socket path. Its writer retries every few seconds, so start the
-    # collector first.
-
-    name = "knot"
-
-    def __init__(self, dnstap_unix):
-        self.dnstap_unix = dnstap_unix
-
-    def start(self):
-        zone = self.write_zone()
-        config = self.write("knot.conf", f"""server:
+    def knot_config(self, zone):
+        return f"""server:
     rundir: "{self.workdir}"
     listen: {LOOPBACK}@{self.port}
 database:
@@ -93,7 +95,7 @@ log:
     any: info
 mod-dnstap:
   - id: tap
-    sink: "unix:{self.dnstap_unix}"
+    sink: "unix:{self.target}"
     identity: "knot-peer"
     log-queries: on
     log-responses: on
@@ -104,28 +106,10 @@ template:
 zone:
   - domain: {ZONE}
     file: "{zone}"
-""")
-        # The zone loads in the background; its log line is the signal, as a
-        # probe query would show up in the dnstap stream.
-        self.spawn(["knotd", "-c", config],
-                   lambda: listening(self.port) and
-                   "[%s] loaded" % ZONE in self.log(),
-                   "knotd loading %s" % ZONE)
+"""
 
-
-class BindServer(_TcpPeer):
-    # named, authoritative for the zone only (no recursion), sending client
-    # and authoritative queries and responses as dnstap to a Unix socket path.
-    # It reopens the socket when it has failed, so start the collector first.
-
-    name = "named"
-
-    def __init__(self, dnstap_unix):
-        self.dnstap_unix = dnstap_unix
-
-    def start(self):
-        zone = self.write_zone()
-        config = self.write("named.conf", f"""options {{
+    def named_config(self, zone):
+        return f"""options {{
     directory "{self.workdir}";
     pid-file "{self.path('named.pid')}";
     listen-on port {self.port} {{ {LOOPBACK}; }};
@@ -133,16 +117,11 @@ class BindServer(_TcpPeer):
     recursion no;
     dnssec-validation no;
     dnstap {{ client; auth; }};
-    dnstap-output unix "{self.dnstap_unix}";
+    dnstap-output unix "{self.target}";
     dnstap-identity "named-peer";
 }};
 zone "{ZONE}" {{ type primary; file "{zone}"; }};
-""")
-        # -g: foreground with the log on stderr; the zone loads before the
-        # server answers, and "running" follows both.
-        self.spawn(["named", "-g", "-n", "1", "-c", config],
-                   lambda: listening(self.port) and "running" in self.log(),
-                   "named running")
+"""
 
 
 class FstrmCapture(_TcpPeer):
@@ -159,19 +138,31 @@ class FstrmCapture(_TcpPeer):
     def start(self):
         self.output = self.output or self.path("capture.fstrm")
         self.spawn_listening(["fstrm_capture", "-t",
-                              frames.CONTENT_TYPE.decode(), "-w", self.output,
+                              fstrm.CONTENT_TYPE.decode(), "-w", self.output,
                               "-a", LOOPBACK, "-p", self.port])
 
     def stop(self):
         if self.popen is not None:
             super().stop(signal.SIGINT)
-            self.payloads = frames.read_payloads(self.output)
+            self.payloads = fstrm.read_payloads(self.output)
 
 
 def dnstap_objects(path):
-    """The records of a Frame Streams file as the dnstap tool shows them."""
-    return [json.loads(line) for line in
-            run_tool(["dnstap", "-r", path, "-j"]).splitlines()]
+    # The records of a Frame Streams file as the dnstap tool shows them, each
+    # message with the DNS header and question it shows read into "dns":
+    # (status, id, RD, answer count, name in lower case without the final
+    # dot, type).
+    records = [json.loads(line) for line in
+               run_tool(["dnstap", "-r", path, "-j"]).splitlines()]
+    for record in records:
+        message = record["message"]
+        text = message[message["type"].lower().split("_")[1] + "_message"]
+        status, ident, flags, answers, name, qtype = re.search(
+            r"status: (\w+), id: (\d+)\n;; flags:([^;]*);.*?ANSWER: (\d+)"
+            r".*?QUESTION SECTION:\n;(\S+)\tIN\t\s*(\w+)", text, re.S).groups()
+        message["dns"] = (status, int(ident), "rd" in flags.split(),
+                          int(answers), name.rstrip(".").lower(), qtype)
+    return records
 
 
 class DnstapListener(_TcpPeer):
@@ -179,6 +170,9 @@ class DnstapListener(_TcpPeer):
     # line to a file.
 
     name = "dnstap-listener"
+
+    def __init__(self, port=None):
+        self.port = port
 
     def start(self):
         self.spawn_listening(["dnstap", "-j", "-w", self.path("dnstap.json"),
@@ -211,6 +205,51 @@ input(type="imtcp" address="{LOOPBACK}" port="{self.port}" ruleset="collect")
 
     def lines(self):
         return self.read("received.log").splitlines()
+
+
+def http_get(port, path):
+    """(status, content type, body) of GET http://127.0.0.1:port/path."""
+    try:
+        with urllib.request.urlopen("http://%s:%d%s" % (
+                LOOPBACK, port, path), timeout=10) as response:
+            return (response.status, response.headers["Content-Type"],
+                    response.read().decode())
+    except urllib.error.HTTPError as error:
+        return error.code, error.headers["Content-Type"], error.read().decode()
+
+
+class PrometheusServer(_TcpPeer):
+    # The monitoring server scraping one target every second, its data in its
+    # own directory, its HTTP API on a free loopback port.
+
+    name = "prometheus"
+
+    def __init__(self, target_port):
+        self.target_port = target_port
+
+    def start(self):
+        config = self.write("prometheus.yml", """global:
+  scrape_interval: 1s
+  scrape_timeout: 1s
+scrape_configs:
+  - job_name: vantrelo
+    static_configs:
+      - targets: ["%s:%d"]
+""" % (LOOPBACK, self.target_port))
+        self.spawn_listening(["prometheus", "--config.file=" + config,
+                              "--storage.tsdb.path=" + self.path("data"),
+                              "--web.listen-address=%s:%d" % self.address])
+
+    def query(self, expression):
+        """The values of an instant query, as floats; none while starting."""
+        status, _, body = http_get(self.port, "/api/v1/query?query=" +
+                                   urllib.parse.quote(expression))
+        if status == 503:  # the storage is still opening
+            return []
+        result = json.loads(body)
+        if status != 200 or result["status"] != "success":
+            raise PeerError("query %s: %s" % (expression, body))
+        return [float(item["value"][1]) for item in result["data"]["result"]]
 
 
 def dig(port, name, qtype, tcp, recurse=True):

@@ -1,13 +1,18 @@
 # The agent's output at real collectors: query-log lines with both syslog
 # headers at rsyslog and dnstap at the dnstap tool, each checked record by
-# record against the load generator's input.
+# record against the load generator's input; its metrics endpoint scraped by
+# a real monitoring server and checked by promtool, and /health following the
+# collector as it goes and comes back.
 
+import json
+import subprocess
 import time
 
 import harness
 import peers
 
 COUNT = 240
+RETRY_SECONDS = 10
 HOST = "e2e-host"
 SETTINGS = ["message-hostname " + HOST, "domain-suffix-mode off"]
 
@@ -66,15 +71,73 @@ class Collectors(harness.RelayTest):
                     header == "rfc3164", 134, pid, record) + body
                     for record, body in zip(records, stdout)])
 
-    def test_dnstap_tool_as_collector(self):
-        # The tool shows each relayed record as it shows the source's.
-        harness.require("dnstap")
+    def test_dnstap_tool_and_monitoring_server(self):
+        # The dnstap tool as the collector shows each relayed record as it
+        # shows the source's, while a real monitoring server scrapes the
+        # metrics endpoint every second.
+        harness.require("dnstap", "prometheus", "promtool")
         expected = harness.run_tool(["dnstap", "-r", self.source, "-j"])
-        with peers.DnstapListener() as listener:
-            _, lines = self.relay(listener.address, [],
-                                  lambda agent: listener.lines())
-        self.assertEqual(lines, expected.splitlines())
+        port, metrics_port = harness.free_port(), harness.free_port()
+        listener = self.enterContext(peers.DnstapListener(port))
+        relay = self.agent((harness.LOOPBACK, port), "batch-size=25",
+                           "metrics-listen ipv4 %s %d" % (harness.LOOPBACK,
+                                                          metrics_port))
+        relay.ready_on.append(metrics_port)
+        self.enterContext(relay)
+        server = self.enterContext(peers.PrometheusServer(metrics_port))
+        harness.wait_until(lambda: server.query("up") == [1],
+                           "the first scrape", 20, server, interval=0.5)
+        self.assertEqual(peers.http_get(metrics_port, "/health")[:2],
+                         (200, "application/json"))
+        self.replay(self.source)
+        relay.wait_sent(COUNT)
+        harness.wait_until(lambda: len(listener.lines()) >= COUNT,
+                           "%d records at the dnstap tool" % COUNT)
+        self.assertEqual(listener.lines(), expected.splitlines())
+        series = "vantrelo_forwarder_events_sent_total"
+        harness.wait_until(lambda: server.query(series) == [COUNT],
+                           "the server to see %d events" % COUNT, 20, server,
+                           interval=0.5)
+        # A scrape of our own passes promtool and holds totals since start
+        # (where the log line's queue counters are deltas).
+        status, content_type, text = peers.http_get(metrics_port, "/metrics")
+        self.assertEqual((status, content_type),
+                         (200, "text/plain; version=0.0.4"))
+        target = '{id="0",type="ipv4",target="%s:%d"}' % (harness.LOOPBACK,
+                                                          port)
+        for name in (series + target, "vantrelo_queue_events_in_total",
+                     "vantrelo_queue_events_processed_total"):
+            self.assertIn("\n%s %d\n" % (name, COUNT), text)
+        self.assertIn("\nvantrelo_forwarder_connected%s 1\n" % target, text)
+        checked = subprocess.run(["promtool", "check", "metrics"], input=text,
+                                 text=True, capture_output=True, timeout=30)
+        self.assertEqual((checked.returncode, checked.stdout + checked.stderr),
+                         (0, ""))
 
+        # With the collector gone and a write failed, /health stays 200 for
+        # one reconnect pause, then answers 503 naming the forwarder; 200
+        # again when the collector is back.
+        listener.__exit__()
+        self.replay(self.source)
+        states = []
+
+        def health():
+            status, _, body = peers.http_get(metrics_port, "/health")
+            states.append((time.monotonic(), status, json.loads(body)))
+            return status == 503
+
+        harness.wait_until(health, "/health to answer 503",
+                           RETRY_SECONDS + 15, relay, interval=0.5)
+        went_down = min(when for when, _, body in states
+                        if body["forwarders"][0]["state"] == "not-connected")
+        self.assertGreater(states[-1][0] - went_down, RETRY_SECONDS - 2)
+        self.assertEqual((states[-1][2]["status"], states[-1][2]["down"]),
+                         ("down", [0]))
+        with peers.DnstapListener(port):
+            harness.wait_until(
+                lambda: peers.http_get(metrics_port, "/health")[0] == 200,
+                "/health back at 200", RETRY_SECONDS + 15, relay,
+                interval=0.5)
 
 if __name__ == "__main__":
     harness.main()

@@ -1,8 +1,10 @@
-# A stop under peers that never finish what they started: a sender trickling
-# a frame, a silent sender, a sender stalled inside its TLS handshake and a
-# collector that does not read. Each would once have held the stop up for a
-# whole read time-out; the agent must stop within STOP_LIMIT seconds and save
-# every queued event.
+# Stopping the agent loses nothing: stopped in the middle of a burst, every
+# event is delivered or saved in its queue file, and the next run sends the
+# saved ones in order. Stopped under peers that never finish what they
+# started (a sender trickling a frame, a silent sender, a sender stalled in
+# its TLS handshake, a collector that does not read), each of which would once
+# have held the stop up for a whole read time-out, it stops within STOP_LIMIT
+# seconds with every queued event saved.
 
 import os
 import socket
@@ -10,10 +12,9 @@ import struct
 import threading
 import time
 
+import fstrm
 import harness
-from relay_sender_faults_test import FstrmClient
 
-COUNT = 40
 STOP_LIMIT = 3.0
 PATIENT = "read-timeout=120 keepalive=0"
 
@@ -22,8 +23,24 @@ class Stop(harness.RelayTest):
 
     def setUp(self):
         super().setUp()
-        self.tls_port, self.collector_port = harness.free_port(), \
-            harness.free_port()
+        self.collector_port = harness.free_port()
+
+    def test_stop_during_a_burst_then_restart(self):
+        path, payloads = self.generate(20000, 52)
+        with fstrm.Collector(self.collector_port, slow=4096) as collector, \
+                self.agent((harness.LOOPBACK, self.collector_port),
+                           "batch-size=50 send-buffer-size=16384") as relay:
+            self.replay(path)
+            collector.wait_count(500)
+            relay.stop()
+            saved = harness.queue_file_events(relay.path("message.queue"))
+            self.assertGreater(len(saved), 0)
+            relay.start()
+            self.assertEqual(collector.wait_count(len(payloads), 60),
+                             payloads)
+
+    def test_stop_is_bounded_and_keeps_the_queue(self):
+        tls_port = harness.free_port()
         store = os.path.join(self.directory, "store")
         os.mkdir(store)
         harness.run_tool([
@@ -31,62 +48,51 @@ class Stop(harness.RelayTest):
             "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
             "/CN=localhost", "-keyout", os.path.join(store, "server.key"),
             "-out", os.path.join(store, "server.pem")])
-        self.relay = self.agent(
+        relay = self.agent(
             (harness.LOOPBACK, self.collector_port),
             "read-timeout=120 write-timeout=120",
             "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
             "tls-certificate-subject=CN=localhost" % (
-                harness.LOOPBACK, self.tls_port, PATIENT, store),
-            listener=PATIENT)
-        self.relay.ready_on.append(self.tls_port)
-        self.stopping = threading.Event()
-        self.addCleanup(self.stopping.set)
+                harness.LOOPBACK, tls_port, PATIENT, store), listener=PATIENT)
+        relay.ready_on.append(tls_port)
+        stopping = threading.Event()
+        self.addCleanup(stopping.set)
 
-    def trickle(self):
-        sender = self.enterContext(FstrmClient(self.port))
-        sender.open()
-        sender.sendall(struct.pack(">I", 1000) + b"x")
+        def trickle():
+            sender = self.enterContext(fstrm.Client(self.port))
+            sender.open()
+            sender.sendall(struct.pack(">I", 1000) + b"x")
 
-        def drip():
-            for _ in range(200):
-                if self.stopping.wait(0.3):
-                    return
-                try:
-                    sender.sendall(b"x")
-                except OSError:
-                    return
-        threading.Thread(target=drip, daemon=True).start()
+            def drip():
+                while not stopping.wait(0.3):
+                    try:
+                        sender.sendall(b"x")
+                    except OSError:
+                        return
+            threading.Thread(target=drip, daemon=True).start()
 
-    def silent(self):
-        # Connected, and not a byte since: not even the Frame Streams handshake.
-        self.enterContext(FstrmClient(self.port))
-
-    def stalled_tls(self):
-        # A TLS record header announcing a ClientHello, then nothing.
-        peer = self.enterContext(socket.create_connection(
-            (harness.LOOPBACK, self.tls_port)))
-        peer.sendall(b"\x16\x03\x01\x00\xc8\x01")
-
-    def deaf_collector(self):
-        # Accepted by the kernel, never read: the forwarder's handshake waits.
-        self.enterContext(socket.create_server(
-            (harness.LOOPBACK, self.collector_port)))
-
-    def test_stop_is_bounded_and_keeps_the_queue(self):
-        path, payloads = self.generate(COUNT, 23)
-        # (peer, log line that shows it in place)
-        cases = ((self.trickle, "Handling connection from"),
-                 (self.silent, "Handling connection from"),
-                 (self.stalled_tls, "Handling connection from"),
-                 (self.deaf_collector, "]: Connected to"))
-        for peer, in_place in cases:
-            with self.subTest(peer=peer.__name__), self.relay as relay:
+        path, payloads = self.generate(40, 23)
+        # (peer, how it starts, the log line that shows it in place)
+        cases = (
+            ("trickling sender", trickle, "Handling connection from"),
+            ("silent sender", lambda: self.enterContext(
+                fstrm.Client(self.port)), "Handling connection from"),
+            # A TLS record header announcing a ClientHello, then nothing.
+            ("stalled TLS sender", lambda: self.enterContext(
+                socket.create_connection((harness.LOOPBACK, tls_port)))
+             .sendall(b"\x16\x03\x01\x00\xc8\x01"),
+             "Handling connection from"),
+            # Accepted by the kernel, never read: the handshake waits.
+            ("deaf collector", lambda: self.enterContext(socket.create_server(
+                (harness.LOOPBACK, self.collector_port))), "]: Connected to"))
+        for name, start_peer, in_place in cases:
+            with self.subTest(peer=name), relay:
                 self.replay(path)
                 relay.wait_metrics(
-                    lambda m: m["queue"][0]["eventsQueued"] == COUNT,
+                    lambda m: m["queue"][0]["eventsQueued"] == len(payloads),
                     "every event queued")
                 before = relay.log().count(in_place)
-                peer()
+                start_peer()
                 relay.wait_log(in_place, before + 1)
                 time.sleep(1.5)  # well inside a frame, record or handshake
                 started = time.monotonic()
@@ -94,7 +100,7 @@ class Stop(harness.RelayTest):
                 self.assertLess(time.monotonic() - started, STOP_LIMIT)
                 self.assertEqual(harness.queue_file_events(
                     relay.path("message.queue")), payloads)
-            self.stopping.set()
+            stopping.set()
 
 
 if __name__ == "__main__":
