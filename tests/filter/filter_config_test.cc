@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <fstream>
 #include <map>
 #include <string>
@@ -27,26 +26,22 @@ std::string writeFile(const std::string& name, const std::string& text) {
   return path;
 }
 
-TEST(FilterConfig, NothingSetMeansNoFilter) {
-  EXPECT_EQ(read({}), nullptr);
-  EXPECT_EQ(read({{"filter-sample-one-in", "1"}, {"filter-client-address", "keep"}}), nullptr);
-}
-
 // Lists from files, single drop types, sampling and truncation run end to end; these are the rest.
 TEST(FilterConfig, ReadsTheRulesTheRelayTestsLeaveOut) {
+  EXPECT_EQ(read({{"filter-sample-one-in", "1"}, {"filter-client-address", "keep"}}), nullptr);
   const std::string key = writeFile("key", "0123456789abcdef0123456789abcdef\n");
+  // Query types as the query log prints them: names in any case, TYPEnnn or plain numbers.
   auto settings = read({{"filter-drop-domain", "corp.example."},
                         {"filter-keep-domain", "example"},
-                        {"filter-drop-type", "PTR  srv"},
-                        {"filter-drop-type", "TYPE65"},
+                        {"filter-drop-type", "ptr  srv HTTPS"},
+                        {"filter-drop-type", "type64 NSAP-PTR 65535"},
                         {"filter-client-address", "pseudonym"},
                         {"filter-client-key-file", key}});
   ASSERT_NE(settings, nullptr);
   EXPECT_TRUE(settings->dropDomains.covers("x.corp.example"));
   EXPECT_TRUE(settings->keepList);
-  EXPECT_EQ(settings->dropTypes.count(), 3u);
-  EXPECT_TRUE(settings->dropTypes.test(12) && settings->dropTypes.test(33) &&
-              settings->dropTypes.test(65));
+  EXPECT_EQ(settings->dropTypes.count(), 6u);
+  for (size_t type : {12u, 33u, 65u, 64u, 23u, 65535u}) EXPECT_TRUE(settings->dropTypes.test(type));
   EXPECT_EQ(settings->privacy.key.size(), 33u);
 
   settings = read({{"filter-client-address", "truncate"}, {"filter-client-ipv6-prefix", "48"}});
@@ -58,6 +53,7 @@ TEST(FilterConfig, ErrorsSayWhatAndWhere) {
   const std::string missing = std::string(VANTRELO_BINARY_DIR) + "/filter_test_no_such_file";
   const std::string shortKey = writeFile("short_key", "too short");
   const std::string badList = writeFile("bad_list", "fine.example\nnot..fine\n");
+  const std::string badType = "Invalid filter-drop-type specified in config file: ";
   struct Case {
     Keys keys;
     std::string message;  // a prefix of the error's text
@@ -68,8 +64,10 @@ TEST(FilterConfig, ErrorsSayWhatAndWhere) {
        "Invalid name in filter-drop-domain-file " + badList + " line 2: empty label: not..fine"},
       {{{"filter-keep-domain-file", writeFile("empty", "# nothing yet\n")}},
        "No name in filter-keep-domain-file: the keep list would drop every record"},
-      {{{"filter-drop-type", "PTR BOGUS"}},
-       "Invalid filter-drop-type specified in config file: PTR BOGUS (unknown type BOGUS)"},
+      {{{"filter-drop-type", "PTR BOGUS"}}, badType + "PTR BOGUS (unknown type BOGUS)"},
+      {{{"filter-drop-type", "65536"}}, badType + "65536 (unknown type 65536)"},
+      {{{"filter-drop-type", "TYPE"}}, badType + "TYPE (unknown type TYPE)"},
+      {{{"filter-drop-type", "TYPE6x"}}, badType + "TYPE6x (unknown type TYPE6x)"},
       {{{"filter-sample-one-in", "0"}},
        "Invalid filter-sample-one-in specified in config file: 0 (a whole number of 1 or more)"},
       {{{"filter-client-address", "truncate"}, {"filter-client-ipv4-prefix", "33"}},
