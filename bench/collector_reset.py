@@ -15,32 +15,46 @@ usage: bench/collector_reset.py [--build DIR] [--events N] [--reset-after N]
 import argparse
 import os
 import sys
+import time
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 sys.path.insert(0, os.path.join(ROOT, "tests", "integration"))
 
-import collectors  # noqa: E402
+import fstrm  # noqa: E402
 import harness  # noqa: E402
 
 START = ("--start-time", "1700000000")
 SEED = 9
 
 
+def settled(collector, quiet=2.0):
+    # The frames once the collector has taken none for `quiet` seconds.
+    count, since = -1, time.monotonic()
+    while True:
+        got = collector.received()
+        if len(got) != count:
+            count, since = len(got), time.monotonic()
+        elif time.monotonic() - since >= quiet:
+            return got
+        time.sleep(0.1)
+
+
 def run_mode(mode, events, reset_after, sent):
-    # (lost, duplicated) for one recovery mode.
+    # (lost, duplicated, discarded) for one recovery mode.
     test = harness.RelayTest()
     test.setUp()
     try:
         port = harness.free_port()
-        with collectors.SlowResettingCollector(port, reset_after) as collector, \
+        with fstrm.Collector(port, drop_after=reset_after,
+                             slow=16384) as collector, \
                 test.agent((harness.LOOPBACK, port),
                            "recovery=%s" % mode) as relay:
-            harness.loadgen("--tcp", "%s:%d" % (harness.LOOPBACK, test.port),
-                            "--count", events, "--seed", SEED, *START)
+            test.loadgen("--tcp", "%s:%d" % (harness.LOOPBACK, test.port),
+                         "--count", events, "--seed", SEED, *START)
             relay.wait_metrics(
                 lambda m: m["forwarder"][0]["connects"] >= 2 and
                 m["queue"][0]["eventsQueued"] == 0, "the stream to drain", 60)
-            got = collector.wait_settled()
+            got = settled(collector)
     finally:
         test.doCleanups()
     unique, discarded = set(got), set(collector.discarded)

@@ -142,7 +142,7 @@ TEST(ForwarderTest, SkipsBrokenEventsAndWritesEachFormatToStandardOutput) {
 
 // The collector reads the first batch and hangs up. The next batch may still be taken by the
 // system (the collector never sees it); a later one fails, and what comes back into the queue
-// is what the recovery mode promises. (relay_collector_faults_test.py repeats the loss bounds
+// is what the recovery mode promises. (relay_forwarder_test.py repeats the loss bounds
 // against a real agent; the order of the returned batches and the immediate reconnection are
 // checked only here.)
 TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
@@ -201,8 +201,8 @@ TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
 }
 
 // A collector that cannot be reached is tried again after ten seconds
-// (relay_collector_faults_test.py, test_collector_comes_up_late, times it); not before, and a stop
-// request cuts the pause short.
+// (relay_forwarder_test.py, test_late_collector_gets_the_newest_events, times it); not before, and
+// a stop request cuts the pause short.
 TEST(ForwarderTest, StopsPromptlyDuringTheReconnectPause) {
   LogRecorder log;
   Running running(5, MessageFormat::kJson, "batch-size=10", stdout, net::testing::unusedPort());
