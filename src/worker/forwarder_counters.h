@@ -1,9 +1,17 @@
-// What the metrics report reads from every kind of forwarder, TCP or Kafka.
+// What every kind of forwarder, TCP or Kafka, has in common: its id and log prefix, the
+// counters the metrics report reads, and the frame of its thread's body (the start and end log
+// lines, and a loop failure logged rather than thrown out of the thread).
 //
-// Implementations fill the record from atomic counters, so metrics() may be called from any
-// thread while the forwarder runs.
+// The counters are atomics written by the forwarder's own thread, so they and metrics() may be
+// read from any thread while the forwarder runs.
 #pragma once
 
+#include <atomic>
+#include <cstdint>
+#include <exception>
+#include <string>
+
+#include "base/log.h"
 #include "format/metrics_report.h"
 
 namespace vantrelo::worker::forwarder {
@@ -12,6 +20,50 @@ class ForwarderCounters {
  public:
   virtual ~ForwarderCounters() = default;
   virtual void metrics(format::ForwarderMetrics& out) const = 0;
+
+  uint32_t id() const { return id_; }
+  bool connected() const { return connected_.load(); }
+  uint64_t connects() const { return connects_.load(); }
+  uint64_t bytesSent() const { return bytesSent_.load(); }
+  uint64_t eventsSent() const { return eventsSent_.load(); }
+  uint64_t dnstapErrors() const { return dnstapErrors_.load(); }
+
+ protected:
+  explicit ForwarderCounters(uint32_t id) : id_(id) {}
+
+  std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
+
+  // Logs the start and the configured target, runs `loop`, logs what it throws, runs
+  // `wrapUp` (whether the loop ended or failed), and logs the end.
+  template <typename Loop, typename WrapUp>
+  void runProcessLoop(const std::string& target, Loop loop, WrapUp wrapUp) {
+    log::info(prefix() + "Starting process loop");
+    log::info(prefix() + "Configured target is " + target);
+    try {
+      loop();
+    } catch (const std::exception& failure) {
+      log::error(prefix() + "Process loop failed: " + failure.what());
+    }
+    wrapUp();
+    log::info(prefix() + "Finished process loop");
+  }
+
+  // The fields every kind reports the same way.
+  void fillCounters(format::ForwarderMetrics& out) const {
+    out.id = id_;
+    out.connected = connected();
+    out.bytes_sent = bytesSent();
+    out.events_sent = eventsSent();
+    out.connects = connects();
+    out.dnstap_errors = dnstapErrors();
+  }
+
+  const uint32_t id_;
+  std::atomic<bool> connected_{false};
+  std::atomic<uint64_t> connects_{0};
+  std::atomic<uint64_t> bytesSent_{0};
+  std::atomic<uint64_t> eventsSent_{0};
+  std::atomic<uint64_t> dnstapErrors_{0};
 };
 
 }  // namespace vantrelo::worker::forwarder
