@@ -52,6 +52,16 @@ class RunObserver {
 // One agent run reporting to `observer`; returns false when the run failed.
 using ServiceRun = bool (*)(RunObserver& observer);
 
+// Runs `run` with nobody to report its progress to: a foreground run, whose service manager, if
+// any, learns that it runs from the process itself and that it failed from its exit code.
+inline bool runInForeground(ServiceRun run) {
+  struct NoStatus : RunObserver {
+    void running() override {}
+    void stopping() override {}
+  } status;
+  return run(status);
+}
+
 // Runs `run` as a service and returns whether it succeeded once it has stopped. Where there is
 // no service manager to talk to (a console start, or a system without one) `run` is called in
 // the foreground. Throws vantrelo::error::UnknownError when the service manager cannot be

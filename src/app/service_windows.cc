@@ -164,13 +164,6 @@ void WINAPI serviceMain(DWORD, LPSTR*) {
   serviceStatus.stopped(serviceSucceeded);
 }
 
-// The foreground run has no service control manager to report to.
-class NoStatus : public RunObserver {
- public:
-  void running() override {}
-  void stopping() override {}
-};
-
 }  // namespace
 
 bool runService(ServiceRun run) {
@@ -183,8 +176,7 @@ bool runService(ServiceRun run) {
   const DWORD failure = GetLastError();
   if (failure == ERROR_FAILED_SERVICE_CONTROLLER_CONNECT) {
     // Started from a console rather than by the service control manager.
-    NoStatus status;
-    return run(status);
+    return runInForeground(run);
   }
   throw error::UnknownError("StartServiceCtrlDispatcher() failed: " +
                             error::systemErrorText(failure));

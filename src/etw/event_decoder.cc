@@ -1,6 +1,7 @@
 #include "etw/event_decoder.h"
 
 #include <algorithm>
+#include <iterator>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -49,20 +50,37 @@ std::string printable(std::u16string_view name) {
   return text;
 }
 
-// How a property the decoder does not need is stepped over, by its declared type. False for
-// types whose size is not known from the declaration alone.
+// How a property the decoder does not need is stepped over: the declared type it has, the role
+// that skips it and the reader that does. In PropertyRole order from kSkipUint8.
+struct Skip {
+  uint16_t inType;
+  PropertyRole role;
+  uint32_t (*step)(const EventProperties& event, uint32_t index, uint32_t offset);
+};
+constexpr Skip kSkips[] = {{kInTypeUint8, PropertyRole::kSkipUint8, skipUint8},
+                           {kInTypeUint32, PropertyRole::kSkipUint32, skipUint32},
+                           {kInTypeAnsiString, PropertyRole::kSkipAnsi, skipAnsiString},
+                           {kInTypeUnicodeString, PropertyRole::kSkipUnicode, skipUnicodeString},
+                           {kInTypeUint16, PropertyRole::kSkipUint16, skipUint16},
+                           {kInTypeUint64, PropertyRole::kSkipUint64, skipUint64},
+                           {kInTypeGuid, PropertyRole::kSkipGuid, skipGuid}};
+
+constexpr size_t skipIndex(PropertyRole role) {
+  return static_cast<size_t>(role) - static_cast<size_t>(PropertyRole::kSkipUint8);
+}
+static_assert([] {
+  for (size_t n = 0; n < std::size(kSkips); ++n) {
+    if (skipIndex(kSkips[n].role) != n) return false;
+  }
+  return skipIndex(PropertyRole::kSkipGuid) + 1 == std::size(kSkips);
+}());
+
+// The role that steps over a property of a declared type. False for types whose size is not
+// known from the declaration alone.
 bool skipRole(uint16_t inType, PropertyRole& role) {
-  const std::pair<uint16_t, PropertyRole> kSkips[] = {
-      {kInTypeUint8, PropertyRole::kSkipUint8},
-      {kInTypeUint16, PropertyRole::kSkipUint16},
-      {kInTypeUint32, PropertyRole::kSkipUint32},
-      {kInTypeUint64, PropertyRole::kSkipUint64},
-      {kInTypeAnsiString, PropertyRole::kSkipAnsi},
-      {kInTypeUnicodeString, PropertyRole::kSkipUnicode},
-      {kInTypeGuid, PropertyRole::kSkipGuid}};
-  for (const auto& [type, skip] : kSkips) {
-    if (type == inType) {
-      role = skip;
+  for (const Skip& skip : kSkips) {
+    if (skip.inType == inType) {
+      role = skip.role;
       return true;
     }
   }
@@ -233,25 +251,13 @@ void EventDecoder::handleEvent(const EventRecordView& event) {
         offset = readBinary(properties, index, offset, length, wire);
         break;
       case PropertyRole::kSkipUint8:
-        offset = skipUint8(properties, index, offset);
-        break;
       case PropertyRole::kSkipUint32:
-        offset = skipUint32(properties, index, offset);
-        break;
       case PropertyRole::kSkipAnsi:
-        offset = skipAnsiString(properties, index, offset);
-        break;
       case PropertyRole::kSkipUnicode:
-        offset = skipUnicodeString(properties, index, offset);
-        break;
       case PropertyRole::kSkipUint16:
-        offset = skipUint16(properties, index, offset);
-        break;
       case PropertyRole::kSkipUint64:
-        offset = skipUint64(properties, index, offset);
-        break;
       case PropertyRole::kSkipGuid:
-        offset = skipGuid(properties, index, offset);
+        offset = kSkips[skipIndex(roles[index])].step(properties, index, offset);
         break;
     }
   }

@@ -2,6 +2,7 @@
 
 #include <bit>
 #include <cstdint>
+#include <initializer_list>
 
 namespace vantrelo::metrics {
 
@@ -185,19 +186,14 @@ ForwarderLabels forwarderLabels(const format::ForwarderMetrics& forwarder) {
 }
 
 void appendForwarder(ExpositionWriter& out, const format::ForwarderMetrics& forwarder) {
-  const ForwarderLabels labels = forwarderLabels(forwarder);
+  const ForwarderLabels names = forwarderLabels(forwarder);
+  const std::initializer_list<Label> labels = {
+      {"id", names.id}, {"type", names.type}, {"target", names.target}};
   for (const auto& series : kForwarderSeries) {
-    out.add(series.family, {{"id", labels.id}, {"type", labels.type}, {"target", labels.target}},
-            forwarder.*series.field);
+    out.add(series.family, labels, forwarder.*series.field);
   }
-  out.add(kForwarderConnected,
-          {{"id", labels.id}, {"type", labels.type}, {"target", labels.target}},
-          uint64_t{forwarder.connected ? 1u : 0u});
-  if (forwarder.is_kafka) {
-    out.add(kDeliveryFailures,
-            {{"id", labels.id}, {"type", labels.type}, {"target", labels.target}},
-            forwarder.delivery_failures);
-  }
+  out.add(kForwarderConnected, labels, uint64_t{forwarder.connected ? 1u : 0u});
+  if (forwarder.is_kafka) out.add(kDeliveryFailures, labels, forwarder.delivery_failures);
 }
 
 void appendProcess(ExpositionWriter& out, std::string_view version, double startTimeSeconds) {

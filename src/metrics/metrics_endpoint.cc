@@ -72,34 +72,27 @@ MetricsEndpoint::MetricsEndpoint(const EndpointSettings& settings, std::string v
       socket_(0, listeningSettings(settings.socket)) {}
 
 MetricsEndpoint::~MetricsEndpoint() {
-  if (!thread_.joinable()) return;
-  stop();
-  join();
+  if (thread_.started()) stop();
 }
 
 void MetricsEndpoint::start() {
-  if (thread_.joinable()) return;
-  stopRequested_ = false;
-  thread_ = std::thread(&MetricsEndpoint::run, this);
+  thread_.start([this] { run(); });
 }
 
-void MetricsEndpoint::stop() { stopRequested_ = true; }
+void MetricsEndpoint::stop() { thread_.requestStop(); }
 
-void MetricsEndpoint::join() {
-  if (thread_.joinable()) thread_.join();
-}
+void MetricsEndpoint::join() { thread_.join(); }
 
 void MetricsEndpoint::run() {
-  log::info(std::string(kPrefix) + "Starting process loop");
-  try {
-    acceptLoop();
-  } catch (const std::exception& failure) {
-    log::error(std::string(kPrefix) + failure.what());
-  }
-  stopRequested_ = true;  // the connections end with the loop, whatever ended it
-  reap(true);
-  socket_.close();
-  log::info(std::string(kPrefix) + "Finished process loop");
+  base::runProcessLoop({.logPrefix = kPrefix,
+                        .loop = [this] { acceptLoop(); },
+                        .finish =
+                            [this] {
+                              // The connections end with the loop, whatever ended it.
+                              thread_.requestStop();
+                              reap(true);
+                              socket_.close();
+                            }});
 }
 
 void MetricsEndpoint::acceptLoop() {
@@ -108,7 +101,7 @@ void MetricsEndpoint::acceptLoop() {
             std::to_string(socket.port));
   socket_.listen();
   boundPort_ = socket_.localPort();
-  while (!stopRequested_) {
+  while (!thread_.stopRequested()) {
     reap(false);
     sampleHealth(nullptr);
     if (socket_.wait(true, kWaitSeconds)) continue;
@@ -130,7 +123,7 @@ void MetricsEndpoint::acceptLoop() {
       }
     } catch (const std::exception& failure) {
       log::error(std::string(kPrefix) + failure.what());
-      if (!stopRequested_) std::this_thread::sleep_for(kAcceptRetryPause);
+      if (!thread_.stopRequested()) std::this_thread::sleep_for(kAcceptRetryPause);
     }
   }
 }
@@ -154,7 +147,7 @@ void MetricsEndpoint::serve(std::unique_ptr<net::Socket> socket, Connection& con
     ParseStatus status = ParseStatus::kIncomplete;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kReadSeconds);
     while (status == ParseStatus::kIncomplete) {
-      if (stopRequested_ || std::chrono::steady_clock::now() >= deadline) break;
+      if (thread_.stopRequested() || std::chrono::steady_clock::now() >= deadline) break;
       if (socket->wait(true, kWaitSeconds)) continue;
       received.append(chunk, socket->recv(chunk, sizeof chunk));
       status = parseRequest(received, request);

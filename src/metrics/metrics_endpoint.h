@@ -23,6 +23,7 @@
 #include <thread>
 #include <vector>
 
+#include "base/worker_thread.h"
 #include "metrics/health.h"
 #include "metrics/http_request.h"
 #include "metrics/metrics_source.h"
@@ -81,10 +82,9 @@ class MetricsEndpoint {
   std::mutex sourcesMutex_;  // one scrape of the sources at a time
   HealthTracker health_;
   net::Socket socket_;
-  std::thread thread_;
-  std::atomic<bool> stopRequested_{false};
   std::atomic<uint16_t> boundPort_{0};
   std::list<Connection> connections_;  // touched by the accept thread only
+  base::WorkerThread thread_;          // last: joined before the members above go
 };
 
 }  // namespace vantrelo::metrics

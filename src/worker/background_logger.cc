@@ -2,8 +2,6 @@
 
 #include <chrono>
 #include <ctime>
-#include <exception>
-#include <system_error>
 #include <utility>
 
 #include "base/log.h"
@@ -12,8 +10,7 @@ namespace vantrelo::worker {
 
 namespace {
 
-constexpr char kStartingLine[] = "BackgroundLogger: Starting process loop";
-constexpr char kFinishedLine[] = "BackgroundLogger: Finished process loop";
+constexpr char kPrefix[] = "BackgroundLogger: ";
 constexpr char kFailedPrefix[] = "BackgroundLogger: Process loop failed: ";
 constexpr char kMetricsPrefix[] = "Metrics: ";
 
@@ -32,62 +29,41 @@ BackgroundLogger::BackgroundLogger(const format::MetricsSettings& settings, Coll
                                    WallClock wallClock)
     : settings_(settings), collect_(std::move(collect)), wallClock_(std::move(wallClock)) {}
 
-BackgroundLogger::~BackgroundLogger() {
-  if (!thread_.joinable()) return;
-  requestStop();
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    thread_.detach();  // destroyed by its own thread: it is ending anyway
-  } else {
-    thread_.join();
-  }
-}
+BackgroundLogger::~BackgroundLogger() { requestStop(); }
 
 void BackgroundLogger::start() {
-  if (thread_.joinable()) return;
-  stopRequested_ = false;
-  thread_ = std::thread(&BackgroundLogger::run, this);
+  thread_.start([this] { run(); });
 }
 
 void BackgroundLogger::requestStop() {
-  if (!thread_.joinable()) return;
+  if (!thread_.started()) return;
   // Set under the wait's mutex: a request that landed between the loop's flag test and the start
   // of its wait would otherwise be seen only when that wait ends, up to a whole interval (ten
   // minutes by default) later, and the agent's stop, and the saving of the queue behind it,
   // would wait that long.
   {
     std::lock_guard<std::mutex> lock(waitMutex_);
-    stopRequested_ = true;
+    thread_.requestStop();
   }
   waitCondition_.notify_all();
 }
 
-void BackgroundLogger::join() {
-  if (!thread_.joinable()) return;
-  if (thread_.get_id() == std::this_thread::get_id()) {
-    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
-  }
-  thread_.join();
-}
+void BackgroundLogger::join() { thread_.join(); }
 
 void BackgroundLogger::run() {
-  log::info(kStartingLine);
-  try {
-    processLoop();
-  } catch (const std::exception& e) {
-    log::error(kFailedPrefix + std::string(e.what()));
-  }
-  log::info(kFinishedLine);
+  base::runProcessLoop(
+      {.logPrefix = kPrefix, .loop = [this] { processLoop(); }, .failureLead = kFailedPrefix});
 }
 
 void BackgroundLogger::processLoop() {
-  while (!stopRequested_) {
+  while (!thread_.stopRequested()) {
     // Reports fall on wall-clock multiples of the interval (every full ten minutes by default),
     // whenever the agent was started, so reports of several agents line up.
     const int64_t wait = secondsUntilNextReport(wallClock_(), settings_.interval);
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(wait);
     {
       std::unique_lock<std::mutex> lock(waitMutex_);
-      waitCondition_.wait_until(lock, deadline, [this] { return stopRequested_.load(); });
+      waitCondition_.wait_until(lock, deadline, [this] { return thread_.stopRequested(); });
     }
     report();
   }

@@ -7,14 +7,13 @@
 // the other workers run (their counters are atomics).
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <mutex>
 #include <string>
-#include <thread>
 
+#include "base/worker_thread.h"
 #include "format/metrics_report.h"
 #include "format/metrics_settings.h"
 
@@ -58,14 +57,14 @@ class BackgroundLogger {
   const Collect collect_;
   const WallClock wallClock_;
 
-  std::thread thread_;
-  std::atomic<bool> stopRequested_{false};
   std::mutex waitMutex_;
   std::condition_variable waitCondition_;
 
   // Reused between reports; touched only by the logger's thread.
   format::MetricsSnapshot snapshot_;
   std::string line_;
+
+  base::WorkerThread thread_;  // last: joined before the members above go
 };
 
 }  // namespace vantrelo::worker

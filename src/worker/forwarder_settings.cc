@@ -155,16 +155,9 @@ void applyOption(ForwarderSettings& settings, const std::string& name, const std
 }
 
 void readOptions(ValueReader& reader, ForwarderSettings& settings) {
-  std::string name;
-  std::string value;
-  for (;;) {
-    const ValueReader::Option result = reader.nextOption(name, value);
-    if (result == ValueReader::Option::kEnd) return;
-    if (result != ValueReader::Option::kFound) {
-      throw ForwarderError("Invalid parameter '" + name + "'");
-    }
+  forEachOption<ForwarderError>(reader, [&](const std::string& name, const std::string& value) {
     applyOption(settings, name, value);
-  }
+  });
 }
 
 ForwarderSettings parseKafka(ValueReader& reader, ForwarderSettings& settings) {

@@ -2,6 +2,8 @@
 
 #include <chrono>
 #include <exception>
+#include <string>
+#include <thread>
 #include <utility>
 
 #include "base/log.h"
@@ -10,8 +12,6 @@ namespace vantrelo::worker::listener {
 
 namespace {
 
-constexpr char kStartingLoop[] = "Starting process loop";
-constexpr char kFinishedLoop[] = "Finished process loop";
 constexpr char kStartingEtw[] = "Starting ETW session";
 constexpr char kHandlingConnection[] = "Handling connection";
 
@@ -51,18 +51,15 @@ Listener::Listener(uint32_t id, const ListenerSettings& settings, event::queue::
 }
 
 Listener::~Listener() {
-  if (!thread_.joinable()) return;
-  stop();
-  join();
+  if (thread_.started()) stop();
 }
 
 void Listener::start() {
-  if (thread_.joinable()) return;
-  thread_ = std::thread(&Listener::run, this);
+  thread_.start([this] { run(); });
 }
 
 void Listener::stop() {
-  stopRequested_ = true;
+  thread_.requestStop();
   if (etwReader_) etwReader_->stop();
   // Told now rather than after the accept loop's last pass, so that the receivers' own passes
   // run alongside it and the whole stop stays within about one second.
@@ -70,26 +67,21 @@ void Listener::stop() {
   for (auto& entry : receivers_) entry.second->stop();
 }
 
-void Listener::join() {
-  if (thread_.joinable()) thread_.join();
-}
+void Listener::join() { thread_.join(); }
 
 void Listener::run() {
-  log::info(prefix() + kStartingLoop);
-  try {
-    if (settings_.etw) {
-      runEtw();
-    } else {
-      runSocket();
-    }
-  } catch (const std::exception& failure) {
-    log::error(prefix() + failure.what());
-    if (settings_.etw && failureHook_ != nullptr) failureHook_(prefix() + failure.what());
-  }
-  // Whatever ended the loop, no receiver may outlive it.
-  stopReceivers();
-  if (socket_) socket_->close();
-  log::info(prefix() + kFinishedLoop);
+  base::runProcessLoop({.logPrefix = prefix(),
+                        .loop = [this] { settings_.etw ? runEtw() : runSocket(); },
+                        // Whatever ended the loop, no receiver may outlive it.
+                        .finish =
+                            [this] {
+                              stopReceivers();
+                              if (socket_) socket_->close();
+                            },
+                        .failed =
+                            [this](const std::string& line) {
+                              if (settings_.etw && failureHook_ != nullptr) failureHook_(line);
+                            }});
 }
 
 void Listener::runEtw() {
@@ -103,14 +95,14 @@ void Listener::runSocket() {
             (socket.unix ? socket.path : socket.host + ":" + std::to_string(socket.port)));
   socket_->listen();
   boundPort_ = socket_->localPort();
-  while (!stopRequested_) {
+  while (!thread_.stopRequested()) {
     reapFinished();
     if (socket_->wait(true, kAcceptWaitSeconds)) continue;
     try {
       acceptPending();
     } catch (const std::exception& failure) {
       log::error(prefix() + failure.what());
-      if (!stopRequested_) std::this_thread::sleep_for(kAcceptRetryPause);
+      if (!thread_.stopRequested()) std::this_thread::sleep_for(kAcceptRetryPause);
     }
   }
 }
@@ -144,7 +136,7 @@ void Listener::handleConnection(std::unique_ptr<net::Socket> socket) {
     receivers_.erase(receiver.id());
     throw;
   }
-  if (stopRequested_) receiver.stop();
+  if (thread_.stopRequested()) receiver.stop();
 }
 
 void Listener::receiverFinished(receiver::Receiver& receiver, void* context) {

@@ -18,9 +18,9 @@
 #include <memory>
 #include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
+#include "base/worker_thread.h"
 #include "encoding/dnstap_message.h"
 #include "etw/etw_reader.h"
 #include "event/event_queue.h"
@@ -95,8 +95,6 @@ class Listener {
   const std::unique_ptr<filter::EdgeFilter> filter_;
   const receiver::ReceiverSettings receiverSettings_;
   event::queue::EventQueue& queue_;
-  std::thread thread_;
-  std::atomic<bool> stopRequested_{false};
   std::unique_ptr<net::Socket> socket_;
   std::unique_ptr<etw::EtwReader> etwReader_;
   EventPusher etwPusher_;  // used by the ETW thread only
@@ -110,6 +108,7 @@ class Listener {
   std::atomic<uint64_t> peakReceivers_{0};
   std::atomic<uint16_t> boundPort_{0};
   FailureHook failureHook_ = nullptr;
+  base::WorkerThread thread_;  // last: joined before the members above go
 };
 
 }  // namespace vantrelo::worker::listener

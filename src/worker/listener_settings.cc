@@ -216,18 +216,11 @@ ListenerSettings parse(const std::string& value) {
   settings.etw = settings.type == ListenerType::kEtw;
   if (!settings.etw) readAddress(reader, settings, typeMask);
 
-  std::string name;
-  std::string optionValue;
-  for (;;) {
-    const ValueReader::Option result = reader.nextOption(name, optionValue);
-    if (result == ValueReader::Option::kEnd) break;
-    if (result != ValueReader::Option::kFound) {
-      throw ListenerError("Invalid parameter '" + name + "'");
-    }
+  forEachOption<ListenerError>(reader, [&](const std::string& name, const std::string& option) {
     const OptionRule* rule = findOption(name, typeMask);
     if (rule == nullptr) throw ListenerError("Unknown parameter '" + name + "'");
-    if (!rule->apply(settings, optionValue)) throw ListenerError("Invalid " + name + " option");
-  }
+    if (!rule->apply(settings, option)) throw ListenerError("Invalid " + name + " option");
+  });
   if (settings.etw) deriveEventIds(settings.etwSettings);
   return settings;
 }

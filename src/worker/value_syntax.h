@@ -33,6 +33,20 @@ class ValueReader {
   size_t position_ = 0;
 };
 
+// Reads the options left in `reader`, handing each to apply(name, value). An option without a
+// value or with an unterminated quote is thrown as Error "Invalid parameter '<name>'".
+template <typename Error, typename Apply>
+void forEachOption(ValueReader& reader, Apply apply) {
+  std::string name;
+  std::string value;
+  for (;;) {
+    const ValueReader::Option result = reader.nextOption(name, value);
+    if (result == ValueReader::Option::kEnd) return;
+    if (result != ValueReader::Option::kFound) throw Error("Invalid parameter '" + name + "'");
+    apply(name, value);
+  }
+}
+
 std::string toLower(std::string_view text);
 
 // atoi: the 64-bit reading truncated to 32 bits.
