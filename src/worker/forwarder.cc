@@ -82,8 +82,7 @@ void Forwarder::join() {
 
 void Forwarder::run() {
   const net::SocketSettings& socket = settings_.socket;
-  runProcessLoop(
-      socket.host + ":" + std::to_string(socket.port), [this] { processLoop(); }, [] {});
+  runProcessLoop(socket.host + ":" + std::to_string(socket.port), [this] { processLoop(); });
   std::lock_guard<std::mutex> lock(stateMutex_);
   finished_ = true;
   stateCondition_.notify_all();

@@ -8,10 +8,11 @@
 
 #include <atomic>
 #include <cstdint>
-#include <exception>
+#include <functional>
 #include <string>
 
 #include "base/log.h"
+#include "base/worker_thread.h"
 #include "format/metrics_report.h"
 
 namespace vantrelo::worker::forwarder {
@@ -33,19 +34,19 @@ class ForwarderCounters {
 
   std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
 
-  // Logs the start and the configured target, runs `loop`, logs what it throws, runs
-  // `wrapUp` (whether the loop ended or failed), and logs the end.
-  template <typename Loop, typename WrapUp>
-  void runProcessLoop(const std::string& target, Loop loop, WrapUp wrapUp) {
-    log::info(prefix() + "Starting process loop");
-    log::info(prefix() + "Configured target is " + target);
-    try {
-      loop();
-    } catch (const std::exception& failure) {
-      log::error(prefix() + "Process loop failed: " + failure.what());
-    }
-    wrapUp();
-    log::info(prefix() + "Finished process loop");
+  // The workers' thread body (base::runProcessLoop), with the configured target logged first
+  // and a failure logged as "Process loop failed: ". `finish` runs whether the loop ended or
+  // failed.
+  void runProcessLoop(const std::string& target, const std::function<void()>& loop,
+                      std::function<void()> finish = nullptr) const {
+    base::runProcessLoop({.logPrefix = prefix(),
+                          .loop =
+                              [&] {
+                                log::info(prefix() + "Configured target is " + target);
+                                loop();
+                              },
+                          .finish = std::move(finish),
+                          .failureLead = prefix() + "Process loop failed: "});
   }
 
   // The fields every kind reports the same way.
