@@ -13,39 +13,41 @@ namespace vantrelo::app {
 namespace {
 
 TEST(AgentTest, ConfigDirectory) {
-  struct Case {
+  const struct {
     const char* path;
     const char* directory;
-  };
-  const Case cases[] = {
-      {"vantrelo.conf", "."},
+  } cases[] = {
       {"C:\\agent\\vantrelo.conf", "C:\\agent"},
       {"/vantrelo.conf", ""},
       {"a/b\\c.conf", "a/b"},
       {"", "."},
   };
-  for (const Case& c : cases) EXPECT_EQ(configDirectory(c.path), c.directory) << c.path;
+  for (const auto& c : cases) EXPECT_EQ(configDirectory(c.path), c.directory) << c.path;
 }
 
 // Makes workers that record, in order, every call the agent makes on them, and hears the
-// run's progress. The agent drives every worker on its own thread, so `calls` is read only
-// after it has returned. A listener made with port 7666 reports a run failure when started.
-class RecordingFactory : public WorkerFactory, public platform::RunObserver {
+// run's progress and its log's last line. The agent drives every worker on its own thread, so
+// `calls` is read only after it has returned. A listener made with port 7666 reports a run failure
+// when started.
+class RecordingFactory : public WorkerFactory, public platform::RunObserver, log::SystemLog {
  public:
-  class Fake : public Worker {
-   public:
-    Fake(std::string& calls, std::string name) : calls_(calls), name_(std::move(name)) {}
-    ~Fake() override { calls_ += "destroy " + name_ + ", "; }
+  RecordingFactory() { log::setSystemLog(this); }
+  ~RecordingFactory() override { log::setSystemLog(nullptr); }
+  bool write(log::Level, const std::string& message) override {
+    last = message;
+    return true;
+  }
+  struct Fake : Worker {
+    Fake(std::string& calls, std::string name) : calls(calls), name(std::move(name)) {}
+    ~Fake() override { calls += "destroy " + name + ", "; }
     void start() override {
-      calls_ += "start " + name_ + ", ";
-      if (name_.ends_with(":7666")) reportRunFailure("capture failed");
+      calls += "start " + name + ", ";
+      if (name.ends_with(":7666")) reportRunFailure("capture failed");
     }
-    void requestStop() override { calls_ += "stop " + name_ + ", "; }
-    void join() override { calls_ += "join " + name_ + ", "; }
-
-   private:
-    std::string& calls_;
-    const std::string name_;
+    void requestStop() override { calls += "stop " + name + ", "; }
+    void join() override { calls += "join " + name + ", "; }
+    std::string& calls;
+    const std::string name;
   };
 
   std::unique_ptr<Worker> createForwarder(uint32_t id,
@@ -69,18 +71,7 @@ class RecordingFactory : public WorkerFactory, public platform::RunObserver {
   void running() override { calls += "running, "; }
   void stopping() override { calls += "stopping, "; }
 
-  std::string calls;
-};
-
-class Recorder : public log::SystemLog {
- public:
-  Recorder() { log::setSystemLog(this); }
-  ~Recorder() override { log::setSystemLog(nullptr); }
-  bool write(log::Level, const std::string& message) override {
-    last = message;
-    return true;
-  }
-  std::string last;
+  std::string calls, last;
 };
 
 // Workers are made in file order, every forwarder writing to standard output in that mode.
@@ -128,11 +119,10 @@ TEST(AgentTest, RunsStopsAndFailsInOrder) {
     SCOPED_TRACE(c.name);
     std::ofstream(path, std::ios::binary) << c.config;
     RecordingFactory factory;
-    Recorder log;
     if (c.stopFirst) requestStop();
     EXPECT_EQ(runAgent(&factory, &factory), c.succeeds);
     EXPECT_EQ(factory.calls, c.calls);
-    EXPECT_EQ(log.last, c.lastLine);
+    EXPECT_EQ(factory.last, c.lastLine);
     // Whatever ended the run was for that run only.
     EXPECT_FALSE(stopSignal().requested());
     std::filesystem::current_path(previous);

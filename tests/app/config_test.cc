@@ -18,17 +18,14 @@ std::string entriesOf(const std::string& text) {
 }
 
 TEST(ConfigTest, FileSyntax) {
-  struct Case {
+  const struct {
     const char* text;
     const char* entries;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"", ""},
-      {"# a\n   # b\n\n", ""},
-      {"key value words   # note\n", "key=value words;"},
-      {"key\n", "key=;"},
+      {"# a\n   # b\n\nkey\n", "key=;"},
+      {"key value \t words   # note\n", "key=value \t words;"},
       {"message-hostname dns#1 x\n", "message-hostname=dns;"},  // a hash starts a comment
-      {"k a \t b\n", "k=a \t b;"},
       {"forwarder ipv4 192.0.2.1 6000\n    batch-size=50\n",
        "forwarder=ipv4 192.0.2.1 6000 batch-size=50;"},
       {"forwarder ipv4 h 1\n# why\n\tbatch-size=5\n", "forwarder=ipv4 h 1 batch-size=5;"},
@@ -39,7 +36,7 @@ TEST(ConfigTest, FileSyntax) {
       {"a 1\nb 2", "a=1;b=2;"},
       {"a # x\n  y\n", "a=;"},  // continuing the comment, not the value
   };
-  for (const Case& c : cases) EXPECT_EQ(entriesOf(c.text), c.entries) << c.text;
+  for (const auto& c : cases) EXPECT_EQ(entriesOf(c.text), c.entries) << c.text;
 }
 
 TEST(ConfigTest, LookupTakesTheFirstAndLookupAllEveryOccurrence) {

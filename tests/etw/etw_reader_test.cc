@@ -22,18 +22,16 @@ namespace {
 
 using net::testing::LogRecorder;
 using testing::buildEvent;
-using testing::ended;
 using testing::FakeSessions;
 using testing::Processing;
-using testing::stopped;
 using testing::SyntheticEvent;
 
 constexpr uint32_t kAccessDenied = 5;
 constexpr uint32_t kCancelled = 1223;
 
-// A reader over fake sessions whose back-off second lasts 5 ms: short, yet far longer than a
-// processing run takes on a loaded machine.
-constexpr auto kBackOffUnit = std::chrono::milliseconds(5);
+// A reader over fake sessions whose back-off second lasts 10 ms: short, yet a processing run
+// would have to stall for 600 ms on a loaded machine to pass for a long one.
+constexpr auto kBackOffUnit = std::chrono::milliseconds(10);
 
 struct Reader {
   explicit Reader(EtwSettings settings = {}, std::chrono::milliseconds backOffUnit = kBackOffUnit) {
@@ -65,26 +63,26 @@ std::string failed(const char* call, uint32_t status) {
   return std::string(call) + " failed: " + error::systemErrorText(status);
 }
 
+// What each failing call leaves behind; a session left by an earlier run is stopped first.
 TEST(EtwReader, SessionLifeCycle) {
   const std::string kProcessed = "start/8000100 enable open process close stop ";
-  const std::string kLeftOver = "I Listener[0]: Stopping the ETW session left by an earlier run";
   struct Case {
     const char* name;
     void (*script)(FakeSessions&);
     std::string calls, failure;
-    bool leftOver = false;  // the left-over session is logged
+    bool independentSession = true;
   };
   const auto none = [](FakeSessions&) {};
   // clang-format off
   const Case cases[] = {
       {"a stop while processing ends the run and the session", none, kProcessed, ""},
       {"a session left by an earlier run is stopped and started anew",
-       [](FakeSessions& f) { f.starts = {183}; }, "start/8000100=183 stop " + kProcessed, "", true},
+       [](FakeSessions& f) { f.starts = {183}; }, "start/8000100=183 stop " + kProcessed, ""},
       {"one that cannot be stopped fails the run",
        [](FakeSessions& f) { f.starts = {183}; f.stops = {kAccessDenied}; },
-       "start/8000100=183 stop=5 ", failed("ControlTrace()", kAccessDenied), true},
+       "start/8000100=183 stop=5 ", failed("ControlTrace()", kAccessDenied)},
       {"one that is back at once fails the run", [](FakeSessions& f) { f.starts = {183, 183}; },
-       "start/8000100=183 stop start/8000100=183 ", failed("StartTrace()", 183), true},
+       "start/8000100=183 stop start/8000100=183 ", failed("StartTrace()", 183)},
       {"no right to start a session", [](FakeSessions& f) { f.starts = {kAccessDenied}; },
        "start/8000100=5 ", failed("StartTrace()", kAccessDenied)},
       {"a session without its provider is not left behind",
@@ -96,36 +94,38 @@ TEST(EtwReader, SessionLifeCycle) {
        [](FakeSessions& f) { f.stopBeforeOpen = true; f.opens = {4201}; },
        "start/8000100 enable open=4201 stop ", ""},
       {"any status after a stop request is a normal end",
-       [](FakeSessions& f) { f.processing = {stopped(kCancelled)}; }, kProcessed,
-       ""}};
+       [](FakeSessions& f) { f.processing = {{.status = kCancelled, .stop = true}}; },
+       kProcessed, ""},
+      {"a stop before the run makes no call", [](FakeSessions& f) { f.requestStop(); }, "", ""},
+      {"without etw-independent-session the session is shared", none,
+       "start/100 enable open process close stop ", "", false}};
   // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     LogRecorder log;
-    Reader r;
+    EtwSettings settings;
+    settings.independentSession = c.independentSession;
+    Reader r(settings);
     c.script(*r.fake);
     EXPECT_EQ(r.run(), c.failure);
     EXPECT_EQ(r.fake->calls, c.calls);
-    EXPECT_EQ(log.lines(),
-              c.leftOver ? std::vector<std::string>{kLeftOver} : std::vector<std::string>{});
   }
-  // Without etw-independent-session the session is started in the shared mode.
-  EtwSettings shared;
-  shared.independentSession = false;
-  Reader r(shared);
-  EXPECT_EQ(r.run(), "");
-  EXPECT_EQ(r.fake->calls, "start/100 enable open process close stop ");
 }
 
-// Processing that ends without a stop request starts the session again after 1, 2, 4 ... 60
-// back-off seconds; a long good run starts the back-off over. A stop request before run()
-// makes no session call at all.
+// Processing that ends without a stop request starts the whole session again after 1, 2, 4 ...
+// 60 back-off seconds; a long good run starts the back-off over. A stop request during a
+// back-off wait of a minute ends it at once.
 TEST(EtwReader, RestartsWithBackOff) {
   const auto delays = [](std::deque<Processing> processing) {
     LogRecorder log;
     Reader r;
+    std::string calls;
+    for (size_t i = 0; i <= processing.size(); ++i) {
+      calls += "start/8000100 enable open process close stop ";
+    }
     r.fake->processing = std::move(processing);
     EXPECT_EQ(r.run(), "");
+    EXPECT_EQ(r.fake->calls, calls);
     std::string seconds;
     for (const std::string& line : log.lines()) {
       EXPECT_EQ(
@@ -135,24 +135,12 @@ TEST(EtwReader, RestartsWithBackOff) {
     }
     return seconds;
   };
-  EXPECT_EQ(delays(std::deque<Processing>(8, ended())), "1 s,2 s,4 s,8 s,16 s,32 s,60 s,60 s,");
-  EXPECT_EQ(delays({ended(), ended(), ended(61 * kBackOffUnit), ended()}), "1 s,2 s,1 s,2 s,");
+  EXPECT_EQ(delays(std::deque<Processing>(8, Processing{})),
+            "1 s,2 s,4 s,8 s,16 s,32 s,60 s,60 s,");
+  EXPECT_EQ(delays({{}, {}, {.lasting = 61 * kBackOffUnit}, {}}), "1 s,2 s,1 s,2 s,");
 
-  LogRecorder quiet;
-  Reader r;
-  r.fake->processing = std::deque<Processing>(2, ended());
-  EXPECT_EQ(r.run(), "");
-  const std::string once = "start/8000100 enable open process close stop ";
-  EXPECT_EQ(r.fake->calls, once + once + once);
-
-  Reader early;
-  early.reader->stop();
-  EXPECT_EQ(early.run(), "");
-  EXPECT_EQ(early.fake->calls, "");
-
-  // A stop request (the service stopping) ends a back-off wait of a minute at once.
   Reader waiting(EtwSettings{}, std::chrono::seconds(60));
-  waiting.fake->processing = {ended()};
+  waiting.fake->processing = {Processing{}};
   std::thread stopper([&waiting] {
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     waiting.reader->stop();
@@ -179,7 +167,7 @@ TEST(EtwReader, CallbackFailuresAreCountedAndRateLimited) {
   Throwing throwing;
   throwing.id = 257;
 
-  Processing processing = stopped(0, {&foreign, &good, &cutA, &cutA, &throwing});
+  Processing processing{.stop = true, .events = {&foreign, &good, &cutA, &cutA, &throwing}};
   for (int i = 0; i < 500; ++i) {
     processing.events.push_back(&cutB);
     processing.events.push_back(&cutA);

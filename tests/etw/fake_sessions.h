@@ -7,7 +7,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "etw/trace_session.h"
@@ -20,17 +19,8 @@ struct Processing {
   uint32_t status = 0;
   bool stop = false;
   std::chrono::milliseconds lasting{0};
-  std::vector<const EventRecordView*> events;
+  std::vector<const EventRecordView*> events = {};
 };
-
-// Processing that a stop request ends, with `status` and after delivering `events`.
-inline Processing stopped(uint32_t status = 0, std::vector<const EventRecordView*> events = {}) {
-  return Processing{status, true, std::chrono::milliseconds(0), std::move(events)};
-}
-// Processing that ends by itself after `lasting`.
-inline Processing ended(std::chrono::milliseconds lasting = std::chrono::milliseconds(0)) {
-  return Processing{0, false, lasting, {}};
-}
 
 // Each call is written to `calls` and answered with the next status scripted for it, success
 // when none is left. With nothing scripted, processing stops at once. Used on one thread.
@@ -62,7 +52,7 @@ class FakeSessions : public TraceSessionApi {
   }
   uint32_t processEvents(Handle) override {
     calls += "process ";
-    const Processing next = processing.empty() ? stopped() : processing.front();
+    const Processing next = processing.empty() ? Processing{.stop = true} : processing.front();
     if (!processing.empty()) processing.pop_front();
     for (const EventRecordView* event : next.events) sink_->onEvent(*event);
     std::this_thread::sleep_for(next.lasting);

@@ -9,9 +9,7 @@
 #include <thread>
 
 #ifndef _WIN32
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
+#include <stdlib.h>
 #endif
 
 namespace vantrelo::net::testing {
@@ -105,35 +103,6 @@ std::vector<std::string> LogRecorder::lines() const {
 }
 
 #ifndef _WIN32
-ChildProcess::ChildProcess(const std::string& command) {
-  const std::string line = "exec " + command;
-  pid_ = ::fork();
-  if (pid_ == 0) {
-    ::execl("/bin/sh", "sh", "-c", line.c_str(), static_cast<char*>(nullptr));
-    ::_exit(127);
-  }
-  if (pid_ < 0) throw std::runtime_error("fork failed");
-}
-
-int ChildProcess::waitExit(int seconds) {
-  for (int tick = 0; pid_ >= 0 && tick < seconds * 50; ++tick) {
-    int status = 0;
-    if (::waitpid(pid_, &status, WNOHANG) == pid_) {
-      pid_ = -1;
-      return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(20));
-  }
-  return -1;
-}
-
-void ChildProcess::stop() {
-  if (pid_ < 0) return;
-  ::kill(pid_, SIGTERM);
-  ::waitpid(pid_, nullptr, 0);
-  pid_ = -1;
-}
-
 std::string makeTempDirectory(const std::string& tag) {
   std::string pattern = "/tmp/vantrelo-" + tag + "-XXXXXX";
   if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");

@@ -50,22 +50,7 @@ class LogRecorder : public log::SystemLog {
 };
 
 #ifndef _WIN32
-// A command line (redirections included) run through /bin/sh; ended with SIGTERM and reaped
-// when the object goes away.
-class ChildProcess {
- public:
-  explicit ChildProcess(const std::string& command);
-  ~ChildProcess() { stop(); }
-  ChildProcess(const ChildProcess&) = delete;
-  ChildProcess& operator=(const ChildProcess&) = delete;
-  // Waits up to `seconds` for the process to end by itself; returns its exit status or -1.
-  int waitExit(int seconds);
-  void stop();
-
- private:
-  int pid_ = -1;
-};
-
+// A fresh directory under /tmp.
 std::string makeTempDirectory(const std::string& tag);
 #endif
 // The whole file; empty when it cannot be read.

@@ -20,13 +20,11 @@ using namespace testing;
 constexpr DWORD kEncoding = X509_ASN_ENCODING | PKCS_7_ASN_ENCODING;
 
 SYSTEMTIME daysFromNow(int days) {
-  FILETIME now;
-  GetSystemTimeAsFileTime(&now);
-  ULARGE_INTEGER value{{now.dwLowDateTime, now.dwHighDateTime}};
+  ULARGE_INTEGER value;
+  GetSystemTimeAsFileTime(reinterpret_cast<FILETIME*>(&value));
   value.QuadPart += days * 864000000000LL;  // 100 ns units
-  const FILETIME moved{value.LowPart, value.HighPart};
   SYSTEMTIME result;
-  FileTimeToSystemTime(&moved, &result);
+  FileTimeToSystemTime(reinterpret_cast<FILETIME*>(&value), &result);
   return result;
 }
 
@@ -41,12 +39,11 @@ class TestCertificate {
                    std::to_wstring(next_++)) {
     HCRYPTPROV provider = 0;
     HCRYPTKEY key = 0;
-    DWORD size = 0;
-    std::vector<BYTE> name(256);
-    size = static_cast<DWORD>(name.size());
+    BYTE name[256];
+    DWORD size = sizeof name;
     if (store_ == nullptr ||
-        !CertStrToNameW(X509_ASN_ENCODING, subject.c_str(), CERT_X500_NAME_STR, nullptr,
-                        name.data(), &size, nullptr) ||
+        !CertStrToNameW(X509_ASN_ENCODING, subject.c_str(), CERT_X500_NAME_STR, nullptr, name,
+                        &size, nullptr) ||
         !CryptAcquireContextW(&provider, container_.c_str(), nullptr, PROV_RSA_FULL,
                               CRYPT_NEWKEYSET) ||
         !CryptGenKey(provider, AT_KEYEXCHANGE, 2048u << 16, &key)) {
@@ -54,7 +51,7 @@ class TestCertificate {
       return;
     }
     CryptDestroyKey(key);
-    CERT_NAME_BLOB blob{size, name.data()};
+    CERT_NAME_BLOB blob{size, name};
     CRYPT_KEY_PROV_INFO keyInfo{};
     keyInfo.pwszContainerName = const_cast<wchar_t*>(container_.c_str());
     keyInfo.dwProvType = PROV_RSA_FULL;
@@ -147,12 +144,9 @@ TEST(SystemCertificateTest, ChoosesAUsableCertificateFromTheNamedStore) {
        "Certficate with subject 'vantrelo-keyless' not found in store MY (1 without a private key "
        "or outside its validity period)"},
       {"MY", "0g", "Parse certficate thumbprint '0g' failed: Invalid character in hex string"},
-      {"MY", "abc", "Parse certficate thumbprint 'abc' failed: Hex string length"},
       {"MY", std::string(40, 'a'),
        "Certficate with thumbprint '" + std::string(40, 'a') + "' not found in store MY"},
       {"vantrelo-no-such-store", "x", "CertOpenStore(vantrelo-no-such-store) failed: "},
-      {"CurrentUser\\vantrelo-no-such-store", "x",
-       "CertOpenStore(CurrentUser\\vantrelo-no-such-store) failed: "},
   };
   for (const auto& c : refusals) {
     const bool byThumbprint = c.error.find("thumbprint") != std::string::npos;

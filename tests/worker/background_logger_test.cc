@@ -44,21 +44,15 @@ TEST(BackgroundLoggerTest, ReportsOnTheWallClockMultipleAndOnceMoreAfterAStop) {
   const auto started = std::chrono::steady_clock::now();
   logger.start();
   ASSERT_TRUE(waitUntil([&] { return reports == 1; }));
-  const double elapsed =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - started).count();
-  EXPECT_GE(elapsed, 0.9);
-  EXPECT_LT(elapsed, 3.0);
+  EXPECT_GE(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(900));
   // The second clock read comes just before the hour-long wait.
   ASSERT_TRUE(waitUntil([&] { return reads == 2; }));
   logger.requestStop();
   logger.join();
   const std::vector<std::string> expected = {
-      "I BackgroundLogger: Starting process loop",
       "I Metrics: queue[type=message eventsProcessed=0 eventsQueued=1 eventsDropped=0]",
-      "I Metrics: queue[type=message eventsProcessed=0 eventsQueued=2 eventsDropped=0]",
-      "I BackgroundLogger: Finished process loop",
-  };
-  EXPECT_EQ(log.lines(), expected);
+      "I Metrics: queue[type=message eventsProcessed=0 eventsQueued=2 eventsDropped=0]"};
+  EXPECT_EQ(testing::linesStartingWith(log, "I Metrics: "), expected);
 }
 
 }  // namespace

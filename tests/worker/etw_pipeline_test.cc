@@ -120,7 +120,7 @@ TEST(EtwPipelineTest, EtwListenerOverScriptedSessions) {
 
   auto capturing = std::make_unique<etw::testing::FakeSessions>();
   etw::testing::FakeSessions& fake = *capturing;
-  fake.processing = {etw::testing::stopped(0, {&query, &response})};
+  fake.processing = {{.stop = true, .events = {&query, &response}}};
   listener::Listener listener(0, settings, queue, std::move(capturing));
   fake.requestStop = [&listener] { listener.stop(); };
   listener.setFailureHook(hook);

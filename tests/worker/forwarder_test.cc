@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <memory>
 #include <set>
@@ -21,9 +22,17 @@ using format::MessageFormat;
 using net::testing::LogRecorder;
 using net::testing::loopbackSettings;
 using testing::clientQueryEvent;
-using testing::eventNumberIn;
 using testing::waitUntil;
 using Clock = std::chrono::steady_clock;
+
+// The event number in a formatted line (the first "e<digits>.example"), or -1.
+int64_t eventNumberIn(const std::string& line) {
+  const size_t end = line.find(".example");
+  size_t begin = end;
+  while (begin != std::string::npos && begin > 0 && std::isdigit(line[begin - 1])) --begin;
+  const bool found = begin != end && begin > 0 && line[begin - 1] == 'e';
+  return found ? std::stoll(line.substr(begin, end - begin)) : -1;
+}
 
 // The collector's side of one forwarder connection, served from the test thread line by line.
 // (Dnstap collectors are real peers in the integration tests, which check every payload.)
@@ -79,29 +88,25 @@ struct Running {
 };
 
 // Events 0 and 2 go through; a truncated event and garbage between them are skipped and
-// counted. The collector and standard output get lines, or for dnstap standard output one hex
-// line per batch. A forwarder waiting for events stops at once. (Query-log lines and dnstap take
-// the same socket path; relay_collectors_test.py checks them at rsyslog and the dnstap tool.)
-TEST(ForwarderTest, DeliversEachFormatToTheCollectorOrStandardOutput) {
+// counted. Standard output gets lines, or for dnstap one hex line per batch. A forwarder waiting
+// for events stops at once. (The collector's socket path is the recovery test's below, and
+// relay_collectors_test.py checks every format at real collectors.)
+TEST(ForwarderTest, SkipsBrokenEventsAndWritesEachFormatToStandardOutput) {
   const struct {
     MessageFormat format;
-    bool toStdout;
     uint32_t batchSize;
     size_t lines;
-  } cases[] = {{MessageFormat::kJson, false, 2, 2},
-               {MessageFormat::kJson, true, 100, 2},
-               {MessageFormat::kDnstap, true, 1, 2},
-               {MessageFormat::kDnstap, true, 100, 1}};
+  } cases[] = {{MessageFormat::kJson, 100, 2},
+               {MessageFormat::kDnstap, 1, 2},
+               {MessageFormat::kDnstap, 100, 1}};
   const std::string frames =
       testing::dataFrame(clientQueryEvent(0)) + testing::dataFrame(clientQueryEvent(2));
   std::string hex;
   encoding::hex::hexEncode(hex, reinterpret_cast<const uint8_t*>(frames.data()), frames.size());
   for (const auto& c : cases) {
     const bool dnstap = c.format == MessageFormat::kDnstap;
-    SCOPED_TRACE(std::to_string(static_cast<int>(c.format)) + (c.toStdout ? "/stdout/" : "/") +
-                 std::to_string(c.batchSize));
-    LogRecorder log;
-    std::FILE* output = c.toStdout ? std::tmpfile() : stdout;
+    SCOPED_TRACE(std::to_string(static_cast<int>(c.format)) + "/" + std::to_string(c.batchSize));
+    std::FILE* output = std::tmpfile();
     ASSERT_NE(output, nullptr);
     Running running(3, c.format, "batch-size=" + std::to_string(c.batchSize), output);
     for (const std::string& event : {clientQueryEvent(0), clientQueryEvent(1).substr(0, 20),
@@ -109,31 +114,19 @@ TEST(ForwarderTest, DeliversEachFormatToTheCollectorOrStandardOutput) {
       running.push(event);
     }
     running.forwarder->start();
-    std::string delivered;
-    std::unique_ptr<Collector> collector;
-    if (!c.toStdout) {
-      collector = std::make_unique<Collector>(running.listener);
-      for (int i = 0; i < 2; ++i) delivered += collector->next() + "\n";
-    }
     ASSERT_TRUE(waitUntil([&] { return running.forwarder->eventsSent() == 2; }));
-    EXPECT_EQ(running.forwarder->connected(), !c.toStdout);
+    // Five seconds leave room for a loaded machine.
     const auto stopped = Clock::now();
     running.stop();
-    EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(2));
-    EXPECT_FALSE(running.forwarder->connected());
-    if (c.toStdout) {
-      delivered.resize(static_cast<size_t>(std::ftell(output)));
-      std::rewind(output);
-      ASSERT_EQ(std::fread(delivered.data(), 1, delivered.size(), output), delivered.size());
-      std::fclose(output);
-    } else {
-      EXPECT_TRUE(log.contains("I Forwarder[3]: Configured target is 127.0.0.1:" +
-                               std::to_string(running.listener.localPort())));
-    }
+    EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(5));
+    std::string delivered(static_cast<size_t>(std::ftell(output)), '\0');
+    std::rewind(output);
+    ASSERT_EQ(std::fread(delivered.data(), 1, delivered.size(), output), delivered.size());
+    std::fclose(output);
     format::ForwarderMetrics metrics;
     running.forwarder->metrics(metrics);
     EXPECT_EQ(std::make_tuple(metrics.events_sent, metrics.dnstap_errors, metrics.connects),
-              std::make_tuple(2u, 2u, c.toStdout ? 0u : 1u));
+              std::make_tuple(2u, 2u, 0u));
     EXPECT_EQ(static_cast<size_t>(std::count(delivered.begin(), delivered.end(), '\n')), c.lines);
     if (dnstap) {
       delivered.erase(std::remove(delivered.begin(), delivered.end(), '\n'), delivered.end());
@@ -198,17 +191,12 @@ TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
     running.stop();
     EXPECT_LE(pushed - received.size(), c.mostLost);
     // Batches fill while events are pushed, so their sizes vary; the kinds and order do not.
-    std::string returned, expected;
-    const std::string kReturning = "I Forwarder[1]: Returning ";
-    for (std::string line : testing::linesStartingWith(log, kReturning)) {
-      const size_t at = kReturning.size(), digits = line.find(' ', at) - at;
-      EXPECT_TRUE(digits > 0 && line.find_first_not_of("0123456789", at) == at + digits) << line;
-      returned += line.replace(at, digits, "N") + "\n";
+    std::vector<std::string> returned;
+    for (const std::string& line : testing::linesStartingWith(log, "I Forwarder[1]: Returning ")) {
+      const std::string head = line.substr(0, line.find(" events back to the event queue"));
+      returned.push_back(head.substr(head.rfind(' ') + 1));
     }
-    for (const std::string& which : c.returned) {
-      expected += "I Forwarder[1]: Returning N " + which + " events back to the event queue\n";
-    }
-    EXPECT_EQ(returned, expected);
+    EXPECT_EQ(returned, c.returned);
   }
 }
 
@@ -223,7 +211,7 @@ TEST(ForwarderTest, StopsPromptlyDuringTheReconnectPause) {
   const auto failed = Clock::now();
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
   running.stop();
-  EXPECT_LT(Clock::now() - failed, std::chrono::seconds(2));
+  EXPECT_LT(Clock::now() - failed, std::chrono::seconds(5));  // the pause is ten
   EXPECT_EQ(running.forwarder->connects(), 1u);
 }
 

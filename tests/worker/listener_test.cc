@@ -59,40 +59,13 @@ TEST(ListenerTest, RelaysFramesFromBothKindsOfSender) {
       sender.fstrm->close();
     }
     EXPECT_TRUE(waitUntil([&] { return running.listener.activeReceivers() == 0; }));
-    EXPECT_TRUE(log.contains("I Listener[0]: Receiver[0] Is finished"));
     EXPECT_EQ(running.listener.accepts(), 1u);
     EXPECT_EQ(testing::drain(running.queue), payloads);
-    EXPECT_TRUE(
-        !isUnix ||
-        log.contains("I Receiver[0]: Handling connection from uid=" + std::to_string(own.uid) +
-                     " gid=" + std::to_string(own.gid) + " pid=" + std::to_string(own.pid)));
   }
 }
 
-// A place freed by a finished sender goes to the next one. (relay_sender_faults_test.py,
-// test_max_connections, counts accepts and the peak against a real agent.)
-TEST(ListenerTest, RefusesConnectionsBeyondTheLimitByClosing) {
-  LogRecorder log;
-  ListenerSettings settings = loopbackListener();
-  settings.socket.maxConnections = 2;
-  RunningListener running(settings);
-  Listener& listener = running.listener;
-  Sender first(running.target(), true), second(running.target(), false);
-  ASSERT_TRUE(waitUntil([&] { return listener.activeReceivers() == 2; }));
-  net::Socket third(9, running.target());
-  third.connect();
-  char byte = 0;
-  // Closed without a word: the first read sees the end of the stream (or a reset).
-  EXPECT_THROW(third.recv(&byte, 1), net::SocketError);
-  first.fstrm->close();
-  first.socket.close();
-  ASSERT_TRUE(waitUntil([&] { return listener.activeReceivers() == 1; }));
-  Sender fourth(running.target(), false);
-  EXPECT_TRUE(
-      waitUntil([&] { return listener.accepts() == 3 && listener.activeReceivers() == 2; }));
-  EXPECT_EQ(listener.peakReceivers(), 2u);
-}
-
+// Many short connections, half of them hung up at once: every receiver is reaped and its thread
+// ends. (Refusals beyond max-connections are relay_sender_faults_test.py's.)
 TEST(ListenerTest, ShortConnectionsLeaveNothingBehind) {
   LogRecorder log;  // keeps the thousands of lines off the console
   RunningListener running(loopbackListener());

@@ -19,7 +19,7 @@ using testing::controlFrame;
 using testing::dataFrame;
 using testing::waitUntil;
 
-constexpr uint32_t kAccept = 1, kStart = 2, kStop = 3, kReady = 4, kFinish = 5;
+constexpr uint32_t kAccept = 1, kStart = 2, kStop = 3, kReady = 4;
 
 // Everything the peer writes until it closes the connection.
 std::string readToEnd(net::Socket& socket) {
@@ -34,7 +34,8 @@ std::string readToEnd(net::Socket& socket) {
 
 // Garbage, an oversized frame, a close mid-frame and a silent sender (keepalive + 1 read
 // time-outs) are each a bad sender of relay_sender_faults_test.py, next to a good one that loses
-// nothing; fstrm_socket_test.cc checks their texts on both platforms.
+// nothing; fstrm_socket_test.cc checks their texts on both platforms. (A bidirectional sender's
+// ACCEPT and FINISH are listener_test.cc's.)
 TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const std::string start = controlFrame(kStart, true);
   const std::string stop = controlFrame(kStop, false);  // its escape ends the data phase
@@ -50,9 +51,6 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const std::vector<Case> cases = {
       {"unidirectional gets no replies", start + dataFrame(f100) + dataFrame(f200) +
            dataFrame(f300) + stop, {f100, f200, f300}, "", ""},
-      {"bidirectional gets ACCEPT and FINISH", controlFrame(kReady, true) + start +
-           dataFrame("xyz") + stop, {"xyz"},
-           controlFrame(kAccept, true) + controlFrame(kFinish, false), ""},
       {"START without content type", controlFrame(kStart, false), {}, "",
            "Expected content type of protobuf:dnstap.Dnstap but did not get it"},
       {"READY followed by STOP", controlFrame(kReady, true) + controlFrame(kStop, true), {},
@@ -93,7 +91,8 @@ TEST(ReceiverTest, StreamsEndAsTheSenderDrivesThemAndOnlyTheirOwnConnection) {
   const auto stopped = std::chrono::steady_clock::now();
   running.listener.stop();
   running.listener.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(3));
+  // Well short of the 31 s a silent connection is given, with room for a loaded machine.
+  EXPECT_LT(std::chrono::steady_clock::now() - stopped, std::chrono::seconds(10));
   EXPECT_TRUE(log.contains("I Receiver[0]: Finished process loop"));
   EXPECT_FALSE(log.contains("I Listener[0]: Receiver[0] Is finished"));
   EXPECT_TRUE(log.contains("I Listener[0]: Finished process loop"));

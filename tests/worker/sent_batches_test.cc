@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vantrelo::worker::forwarder {
@@ -16,55 +17,52 @@ struct Write {
   int64_t unacknowledged;
 };
 
-void keepAll(SentBatches& sent, const std::vector<Write>& writes) {
-  for (const Write& write : writes) {
-    Batch batch;
-    batch.events = write.events;
-    batch.lengths.assign(write.events.size(), 1);
-    sent.keep(batch, write.streamEnd, write.unacknowledged);
-    EXPECT_EQ(batch.count(), 0u);  // taken over, not copied
-  }
-}
-
-// Batches written in turn, then a connection error: the events that go back, oldest first.
+// Batches written in turn, maybe acknowledgements read later, then a connection error: the
+// events that go back, oldest first.
 TEST(SentBatchesTest, ReturnsWhatThePeerHasNotAcknowledged) {
   const struct {
     const char* name;
     std::vector<Write> writes;
+    std::vector<std::pair<uint64_t, int64_t>> acknowledgements;  // {streamEnd, unacknowledged}
     std::string returned;
   } cases[] = {
-      {"nothing acknowledged", {{"ab", 100, 100}, {"cd", 200, 200}, {"e", 250, 250}}, "abcde"},
-      {"the first batch acknowledged", {{"ab", 100, 100}, {"cd", 200, 100}}, "cd"},
-      {"a batch acknowledged in part stays", {{"ab", 100, 100}, {"cd", 200, 101}}, "abcd"},
-      {"everything acknowledged: the last batch stays", {{"ab", 100, 100}, {"cd", 200, 0}}, "cd"},
-      {"unknown: the last batch only", {{"ab", 100, -1}, {"cd", 200, -1}}, "cd"},
+      {"nothing acknowledged", {{"ab", 100, 100}, {"cd", 200, 200}, {"e", 250, 250}}, {}, "abcde"},
+      {"the first batch acknowledged", {{"ab", 100, 100}, {"cd", 200, 100}}, {}, "cd"},
+      {"a batch acknowledged in part stays", {{"ab", 100, 100}, {"cd", 200, 101}}, {}, "abcd"},
+      {"everything acknowledged: the last batch stays",
+       {{"ab", 100, 100}, {"cd", 200, 0}},
+       {},
+       "cd"},
+      {"unknown: the last batch only", {{"ab", 100, -1}, {"cd", 200, -1}}, {}, "cd"},
       // Layers add bytes of their own (a TLS close alert) that stay unacknowledged.
-      {"more pending than written", {{"ab", 100, 150}}, "ab"},
+      {"more pending than written", {{"ab", 100, 150}}, {}, "ab"},
+      {"later: 70 of the first batch's 100 bytes",
+       {{"ab", 100, 100}, {"cd", 200, 200}},
+       {{220, 150}},
+       "abcd"},
+      {"later: everything", {{"ab", 100, 100}, {"cd", 200, 200}}, {{220, 150}, {220, 20}}, "cd"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     SentBatches sent;
-    keepAll(sent, c.writes);
+    for (const Write& write : c.writes) {
+      Batch batch;
+      batch.events = write.events;
+      batch.lengths.assign(write.events.size(), 1);
+      sent.keep(batch, write.streamEnd, write.unacknowledged);
+      EXPECT_EQ(batch.count(), 0u);  // taken over, not copied
+    }
+    for (const auto& [streamEnd, unacknowledged] : c.acknowledgements) {
+      sent.acknowledge(streamEnd, unacknowledged);
+    }
     EXPECT_EQ(sent.count(), c.returned.size());
-    event::queue::QueueOptions options;
-    options.size = 4096;
-    options.recovery = false;
-    event::queue::EventQueue queue(options);
+    event::queue::EventQueue queue(event::queue::QueueOptions{4096, false, ""});
     sent.returnTo(queue);
     std::string returned;
     while (queue.count() > 0) queue.pop(returned);
     EXPECT_EQ(returned, c.returned);
     EXPECT_TRUE(sent.empty());
   }
-}
-
-TEST(SentBatchesTest, ALaterAcknowledgementForgetsBatches) {
-  SentBatches sent;
-  keepAll(sent, {{"ab", 100, 100}, {"cd", 200, 200}});
-  sent.acknowledge(220, 150);  // 70 of the first batch's 100 bytes
-  EXPECT_EQ(sent.count(), 4u);
-  sent.acknowledge(220, 20);  // everything: the last batch stays all the same
-  EXPECT_EQ(sent.count(), 2u);
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cctype>
 #include <thread>
 
 #include "encoding/dnstap_message.h"
@@ -32,14 +31,6 @@ std::string clientQueryEvent(uint32_t number) {
   std::string out;
   record.encode(out);
   return out;
-}
-
-int64_t eventNumberIn(const std::string& line) {
-  const size_t end = line.find(".example");
-  size_t begin = end;
-  while (begin != std::string::npos && begin > 0 && std::isdigit(line[begin - 1])) --begin;
-  const bool found = begin != end && begin > 0 && line[begin - 1] == 'e';
-  return found ? std::stoll(line.substr(begin, end - begin)) : -1;
 }
 
 std::string controlFrame(uint32_t type, bool withContentType) {

@@ -21,8 +21,6 @@ namespace vantrelo::worker::testing {
 // One encoded client-query event whose query name is "e<number>.example.com", so that every
 // event of a test can be told apart in any output format.
 std::string clientQueryEvent(uint32_t number);
-// The event number in a formatted line (the first "e<digits>.example"), or -1.
-int64_t eventNumberIn(const std::string& line);
 
 // Raw Frame Streams bytes, for senders that misbehave on purpose.
 std::string controlFrame(uint32_t type, bool withContentType);
