@@ -20,11 +20,20 @@ read from /proc/PID/stat. Each contender runs --repeat times; the best time
 and the lowest CPU per event count. Ends with the ratios the relay is held
 to.
 
+Then the edge filters: the relay of --filter-format, plain and with a
+100,000-name drop list, 1-in-N sampling (--sample) and client-address
+truncation.
+An untimed filtered run first counts what the filters let through, so the
+timed runs end when the sink has exactly that. Both rates count the events
+sent in, so their ratio is what the filters cost at the edge.
+
 Then the Kafka forwarder into a mock cluster (tools/vantrelo-kafka-mock,
 three brokers in one process that also reads every record back): events per
 second from the start of the replay until the last record is in the topic.
 
-usage: bench/relay_bench.py [--build DIR] [--events N] [--repeat R] [--kafka-only]
+usage: bench/relay_bench.py [--build DIR] [--events N] [--repeat R]
+                            [--kafka-only | --filters-only]
+                            [--filter-format F] [--sample N]
 Needs fstrm-bin and the dnstap CLI (scripts/install-deps --with-peers).
 """
 
@@ -45,6 +54,9 @@ LOOPBACK = "127.0.0.1"
 CONTENT_TYPE = "protobuf:dnstap.Dnstap"
 FSTRM_START, FSTRM_READY, FSTRM_ACCEPT = 2, 4, 1
 TICKS = os.sysconf("SC_CLK_TCK")
+LIST_NAMES = 100000
+# Listed among the generated names: a share of the traffic is dropped.
+LISTED = ("example.org", "shop.example")
 
 
 def free_port():
@@ -132,6 +144,25 @@ class _Counter:
             self.add(chunk.count(b"\n") if self.count_lines else len(chunk))
 
 
+def serve_counter(counter, port):
+    """Listens on `port` and counts every connection into `counter`, in
+    threads of this process; returns the port listened on."""
+    server = socket.socket()
+    server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+    server.bind((LOOPBACK, port))
+    server.listen(8)
+
+    def accept_loop():
+        # Connections stay open until the agent stops, so it sees no error.
+        while True:
+            conn, _ = server.accept()
+            threading.Thread(target=counter.serve, args=(conn,),
+                             daemon=True).start()
+
+    threading.Thread(target=accept_loop, daemon=True).start()
+    return server.getsockname()[1]
+
+
 def run_sink(mode, port, goal):
     """Counts `goal` lines or data bytes, then prints the wall-clock time."""
     if mode == "stdin-lines":
@@ -144,20 +175,8 @@ def run_sink(mode, port, goal):
         print("%.6f %d" % (time.time(), seen), flush=True)
         return
     counter = _Counter(goal, mode == "lines")
-    server = socket.socket()
-    server.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-    server.bind((LOOPBACK, port))
-    server.listen(8)
+    serve_counter(counter, port)
     print("ready", flush=True)
-
-    def accept_loop():
-        # Connections stay open until the agent stops, so it sees no error.
-        while True:
-            conn, _ = server.accept()
-            threading.Thread(target=counter.serve, args=(conn,),
-                             daemon=True).start()
-
-    threading.Thread(target=accept_loop, daemon=True).start()
     counter.done.wait()
     print("%.6f %d" % (time.time(), counter.value), flush=True)
     sys.stdin.read()  # until the bench closes the pipe
@@ -225,19 +244,29 @@ def timed(process, port, run_replay, finished):
     return end - start, cpu_seconds(process.pid) - cpu
 
 
-def bench_vantrelo(build, path, count, fmt, workdir, senders=1, forwarders=1):
-    port, sink_port = free_port(), free_port()
-    goal = (data_bytes(path) if fmt == "dnstap" else count) * senders
-    sink = start_sink("frames" if fmt == "dnstap" else "lines", sink_port, goal)
+def start_agent(build, workdir, port, sink_port, fmt, forwarders=1, extra=""):
+    """The agent listening on `port`, relaying `fmt` to `sink_port`; `extra`
+    is appended to its configuration."""
     config = os.path.join(workdir, "bench.conf")
     forwarder = "forwarder ipv4 %s %d batch-size=100\n" % (LOOPBACK, sink_port)
     with open(config, "w") as handle:
         handle.write("listener ipv4 %s %d\n%smessage-format %s\n"
-                     "message-queue-recovery off\nmetrics-interval 3600\n" %
-                     (LOOPBACK, port, forwarder * forwarders, fmt))
-    agent = subprocess.Popen([os.path.join(build, "src/app/vantrelo"), "run",
-                              config], stdout=subprocess.DEVNULL,
-                             stderr=subprocess.DEVNULL)
+                     "message-queue-recovery off\nmetrics-interval 3600\n%s" %
+                     (LOOPBACK, port, forwarder * forwarders, fmt, extra))
+    return subprocess.Popen([os.path.join(build, "src/app/vantrelo"), "run",
+                             config], stdout=subprocess.DEVNULL,
+                            stderr=subprocess.DEVNULL)
+
+
+def bench_vantrelo(build, path, count, fmt, workdir, senders=1, forwarders=1,
+                   extra="", goal=None):
+    """(seconds, CPU seconds); the sink waits for `goal` lines or data bytes,
+    by default everything the input holds."""
+    port, sink_port = free_port(), free_port()
+    if goal is None:
+        goal = (data_bytes(path) if fmt == "dnstap" else count) * senders
+    sink = start_sink("frames" if fmt == "dnstap" else "lines", sink_port, goal)
+    agent = start_agent(build, workdir, port, sink_port, fmt, forwarders, extra)
     try:
         return timed(agent, port, lambda: replay(path, port, senders),
                      lambda: finish_time(sink, goal))
@@ -272,6 +301,57 @@ def bench_fstrm_capture(path, workdir):
         return timed(capture, port, lambda: replay(path, port), time.time)
     finally:
         stop(capture)
+
+
+# --- the edge filters -------------------------------------------------------
+
+
+def filter_options(workdir, sample):
+    names = os.path.join(workdir, "drop.list")
+    with open(names, "w") as handle:
+        for i in range(LIST_NAMES - len(LISTED)):
+            handle.write("host%d.tracker%d.example\n" % (i, i % 977))
+        handle.write("\n".join(LISTED) + "\n")
+    return ("filter-drop-domain-file %s\nfilter-sample-one-in %d\n"
+            "filter-client-address truncate\n" % (names, sample))
+
+
+def filtered_goal(build, path, fmt, workdir, extra):
+    """What a sink counts (lines, or data bytes for dnstap) of one untimed
+    filtered run, once the relay has been quiet for two seconds."""
+    counter = _Counter(float("inf"), fmt != "dnstap")
+    port = free_port()
+    agent = start_agent(build, workdir, port, serve_counter(counter, 0), fmt,
+                        extra=extra)
+    try:
+        wait_listening(port, agent)
+        replay(path, port)
+        seen = -1
+        while seen != counter.value:
+            seen = counter.value
+            time.sleep(2)
+        return seen
+    finally:
+        stop(agent)
+
+
+def filter_section(args, path, workdir):
+    fmt, n = args.filter_format, args.events
+    extra = filter_options(workdir, args.sample)
+    goal = filtered_goal(args.build, path, fmt, workdir, extra)
+    rates = {}
+    for name, options, this_goal in (("plain", "", None),
+                                     ("filtered", extra, goal)):
+        runs = [bench_vantrelo(args.build, path, n, fmt, workdir, extra=options,
+                               goal=this_goal) for _ in range(args.repeat)]
+        best = min(seconds for seconds, _ in runs)
+        rates[name] = n / best
+        print("%s %-9s %10.0f events/s in  (%.3f s)  %6.2f CPU us/event" %
+              (fmt, name, rates[name], best,
+               min(used for _, used in runs) / n * 1e6), flush=True)
+    print("filtered/plain: %.2f (1 in %d sampled, %d %s out)\n" %
+          (rates["filtered"] / rates["plain"], args.sample, goal,
+           "data bytes" if fmt == "dnstap" else "lines"))
 
 
 # --- the Kafka forwarder against the mock cluster --------------------------
@@ -335,6 +415,12 @@ def main():
                         help="runs per contender; the best one counts")
     parser.add_argument("--kafka-only", action="store_true",
                         help="run only the Kafka forwarder's section")
+    parser.add_argument("--filters-only", action="store_true",
+                        help="run only the edge filters' section")
+    parser.add_argument("--filter-format", default="dnstap",
+                        choices=("dnstap", "json", "querylog"))
+    parser.add_argument("--sample", type=int, default=10,
+                        help="the filters' 1-in-N sampling")
     parser.add_argument("--sink", nargs=3, help=argparse.SUPPRESS)
     args = parser.parse_args()
     if args.sink:
@@ -368,6 +454,9 @@ def main():
         if args.kafka_only:
             kafka_section(args, path, workdir)
             return
+        if args.filters_only:
+            filter_section(args, path, workdir)
+            return
         rates, cpu = {}, {}
         for name, events, run in contenders:
             runs = [run() for _ in range(args.repeat)]
@@ -395,6 +484,7 @@ def main():
             print("%-48s %6.2f  (goal %s %g: %s)" %
                   (what, ratio, sense, bound, "met" if met else "NOT met"))
         print()
+        filter_section(args, path, workdir)
         kafka_section(args, path, workdir)
 
 

@@ -115,16 +115,6 @@ bool parseIpv6(const char* text, const char* end, uint8_t* dest) {
   return true;
 }
 
-void appendDecimal(std::string& out, unsigned value) {
-  char digits[3];
-  int count = 0;
-  do {
-    digits[count++] = static_cast<char>('0' + value % 10);
-    value /= 10;
-  } while (value != 0);
-  while (count > 0) out.push_back(digits[--count]);
-}
-
 void appendHexGroup(std::string& out, unsigned group) {
   bool started = false;
   for (int shift = 12; shift >= 0; shift -= 4) {
@@ -167,10 +157,17 @@ bool isValidIp(const char* text, size_t length) {
 }
 
 void formatIpv4(std::string& out, const uint8_t* bytes) {
+  // Written into a local buffer and appended once: this runs twice for every formatted event.
+  char text[kIpv4Bytes * 4];  // "255." four times, the last dot unused
+  size_t size = 0;
   for (size_t i = 0; i < kIpv4Bytes; ++i) {
-    if (i > 0) out.push_back('.');
-    appendDecimal(out, bytes[i]);
+    if (i > 0) text[size++] = '.';
+    const unsigned value = bytes[i];
+    if (value >= 100) text[size++] = static_cast<char>('0' + value / 100);
+    if (value >= 10) text[size++] = static_cast<char>('0' + value / 10 % 10);
+    text[size++] = static_cast<char>('0' + value % 10);
   }
+  out.append(text, size);
 }
 
 void formatIpv6(std::string& out, const uint8_t* bytes) {

@@ -46,69 +46,90 @@ CivilTime breakDown(int64_t seconds) {
   return t;
 }
 
-// Appends like printf's "%0<width>d" (or "%<width>d" with a blank fill): the sign, then the
-// digits padded on the left to `width` characters in all.
-void appendNumber(std::string& out, int64_t value, size_t width, char fill = '0') {
-  char digits[24];
-  size_t count = 0;
-  uint64_t magnitude = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
-  do {
-    digits[count++] = static_cast<char>('0' + magnitude % 10);
-    magnitude /= 10;
-  } while (magnitude != 0);
-  size_t used = count + (value < 0 ? 1 : 0);
-  if (fill == ' ') {
-    for (; used < width; ++used) out.push_back(' ');
-    if (value < 0) out.push_back('-');
-  } else {
-    if (value < 0) out.push_back('-');
-    for (; used < width; ++used) out.push_back('0');
+// A time stamp is laid out here and appended in one piece: the layouts run for every formatted
+// event, and one append costs far less than one per character. Room for the longest layout:
+// a 64-bit time's year has at most 12 digits and a sign, its fraction at most 7 digits.
+class Layout {
+ public:
+  void put(char c) { text_[size_++] = c; }
+  // Like printf's "%0<width>d" (or "%<width>d" with a blank fill): the sign, then the digits
+  // padded on the left to `width` characters in all.
+  void number(int64_t value, size_t width, char fill = '0') {
+    char digits[24];
+    size_t count = 0;
+    uint64_t magnitude =
+        value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+    do {
+      digits[count++] = static_cast<char>('0' + magnitude % 10);
+      magnitude /= 10;
+    } while (magnitude != 0);
+    size_t used = count + (value < 0 ? 1 : 0);
+    if (fill == ' ') {
+      for (; used < width; ++used) put(' ');
+      if (value < 0) put('-');
+    } else {
+      if (value < 0) put('-');
+      for (; used < width; ++used) put('0');
+    }
+    while (count > 0) put(digits[--count]);
   }
-  while (count > 0) out.push_back(digits[--count]);
-}
+  void appendTo(std::string& out) const { out.append(text_, size_); }
+
+ private:
+  char text_[64];
+  size_t size_ = 0;
+};
 
 }  // namespace
 
 void formatCompactTime(std::string& out, int64_t seconds) {
   CivilTime t = breakDown(seconds);
-  appendNumber(out, t.year, 4);
-  appendNumber(out, t.month, 2);
-  appendNumber(out, t.day, 2);
-  appendNumber(out, t.hour, 2);
-  appendNumber(out, t.minute, 2);
-  appendNumber(out, t.second, 2);
+  Layout text;
+  text.number(t.year, 4);
+  text.number(t.month, 2);
+  text.number(t.day, 2);
+  text.number(t.hour, 2);
+  text.number(t.minute, 2);
+  text.number(t.second, 2);
+  text.appendTo(out);
 }
 
 void formatRfc3339Time(std::string& out, int64_t seconds, uint32_t nanoseconds) {
   CivilTime t = breakDown(seconds);
-  appendNumber(out, t.year, 4);
-  out.push_back('-');
-  appendNumber(out, t.month, 2);
-  out.push_back('-');
-  appendNumber(out, t.day, 2);
-  out.push_back('T');
-  appendNumber(out, t.hour, 2);
-  out.push_back(':');
-  appendNumber(out, t.minute, 2);
-  out.push_back(':');
-  appendNumber(out, t.second, 2);
-  out.push_back('.');
+  Layout text;
+  text.number(t.year, 4);
+  text.put('-');
+  text.number(t.month, 2);
+  text.put('-');
+  text.number(t.day, 2);
+  text.put('T');
+  text.number(t.hour, 2);
+  text.put(':');
+  text.number(t.minute, 2);
+  text.put(':');
+  text.number(t.second, 2);
+  text.put('.');
   // The fraction is the microsecond count without zero padding: 5 us reads ".5".
-  appendNumber(out, nanoseconds / kNanosecondsPerMicrosecond, 1);
-  out.push_back('Z');
+  text.number(nanoseconds / kNanosecondsPerMicrosecond, 1);
+  text.put('Z');
+  text.appendTo(out);
 }
 
 void formatRfc3164Time(std::string& out, int64_t seconds) {
   CivilTime t = breakDown(seconds);
-  out.append(kMonthAbbreviations[t.month - 1]);
-  out.push_back(' ');
-  appendNumber(out, t.day, 2, ' ');
-  out.push_back(' ');
-  appendNumber(out, t.hour, 2);
-  out.push_back(':');
-  appendNumber(out, t.minute, 2);
-  out.push_back(':');
-  appendNumber(out, t.second, 2);
+  Layout text;
+  for (const char* month = kMonthAbbreviations[t.month - 1]; *month != '\0'; ++month) {
+    text.put(*month);
+  }
+  text.put(' ');
+  text.number(t.day, 2, ' ');
+  text.put(' ');
+  text.number(t.hour, 2);
+  text.put(':');
+  text.number(t.minute, 2);
+  text.put(':');
+  text.number(t.second, 2);
+  text.appendTo(out);
 }
 
 }  // namespace vantrelo::encoding::time

@@ -42,8 +42,10 @@ EtwReader::EtwReader(const EtwSettings& settings, std::string logPrefix,
 
 EtwReader::~EtwReader() = default;
 
-void EtwReader::run(EventHandler handler, void* context) {
+void EtwReader::run(EventHandler handler, void* context, DeliveryHandler delivered) {
   decoder_.setHandler(handler, context);
+  delivered_ = delivered;
+  deliveredContext_ = context;
   uint32_t backOff = kFirstBackOff;
   while (!stopRequested()) {
     const auto began = std::chrono::steady_clock::now();
@@ -109,6 +111,8 @@ EtwReader::Ending EtwReader::openAndProcess(uint32_t& status) {
   }
 
   status = api_->processEvents(consumer);
+  // Whatever the handler gathered from the last events goes on before any restart or stop.
+  onBufferDelivered();
 
   std::lock_guard<std::mutex> lock(mutex_);
   const bool stopped = stopRequested_;
@@ -184,6 +188,17 @@ void EtwReader::onEvent(const EventRecordView& event) noexcept {
     reportFailure(e.what());
   } catch (...) {
     reportFailure("Unknown failure while decoding an event");
+  }
+}
+
+void EtwReader::onBufferDelivered() noexcept {
+  if (delivered_ == nullptr) return;
+  try {
+    delivered_(deliveredContext_);
+  } catch (const std::exception& e) {
+    reportFailure(e.what());
+  } catch (...) {
+    reportFailure("Unknown failure while passing events on");
   }
 }
 

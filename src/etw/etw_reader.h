@@ -3,7 +3,9 @@
 // An EtwReader is owned by one ETW listener. run() starts the session "Morskel Vantrelo" with
 // the configured settings, enables the provider in it, opens it for real-time consumption and
 // blocks in the system's event processing, which calls back for every event on the calling
-// thread; each event of the provider is decoded (EventDecoder) and handed to the handler.
+// thread; each event of the provider is decoded (EventDecoder) and handed to the handler. After
+// each buffer of events the system delivered, and when processing ends, the delivery handler
+// is called, so that a handler that gathers events passes them on before the reader waits.
 //
 // A session of that name left by an earlier run is stopped and started anew, so the settings
 // in force are always the configured ones (an inherited session may have other buffers, another
@@ -50,10 +52,14 @@ class EtwReader : private EventSink {
   EtwReader(const EtwReader&) = delete;
   EtwReader& operator=(const EtwReader&) = delete;
 
+  // Called with the handler's context when a delivery of events is over.
+  using DeliveryHandler = void (*)(void* context);
+
   // Runs the session until stop(); returns after a stop request, throws EtwError when the
-  // session cannot be started. `handler` (may be null) is called for every decoded event on
-  // this thread. Returns at once when stop() came first.
-  void run(EventHandler handler, void* context);
+  // session cannot be started. `handler` and `delivered` (either may be null) are called on
+  // this thread for every decoded event and at the end of each delivery. Returns at once when
+  // stop() came first.
+  void run(EventHandler handler, void* context, DeliveryHandler delivered = nullptr);
 
   // Ends a run() in progress (also one waiting to restart the session), or the next one before
   // it starts.
@@ -73,6 +79,7 @@ class EtwReader : private EventSink {
   enum class Ending { kStopRequested, kUnrequested };
 
   void onEvent(const EventRecordView& event) noexcept override;
+  void onBufferDelivered() noexcept override;
   void reportFailure(const char* text) noexcept;
   void storeStatistics(const EtwStatistics& statistics);
   bool stopRequested();
@@ -92,7 +99,9 @@ class EtwReader : private EventSink {
   EventDecoder decoder_;
   std::unique_ptr<TraceSessionApi> api_;
   const std::chrono::milliseconds backOffUnit_;
-  bool sessionStarted_ = false;  // by this reader, and not stopped since; run thread only
+  bool sessionStarted_ = false;          // by this reader, and not stopped since; run thread only
+  DeliveryHandler delivered_ = nullptr;  // and its context, set by run()
+  void* deliveredContext_ = nullptr;
 
   // Failure log state, touched by the processing thread only.
   std::string lastFailure_;  // the text of the last failure line

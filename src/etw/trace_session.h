@@ -51,6 +51,9 @@ class EventSink {
   virtual ~EventSink() = default;
   // Must not throw: the system's event processing cannot carry an exception.
   virtual void onEvent(const EventRecordView& event) noexcept = 0;
+  // After the events of each buffer the system delivered: the processing may wait for the next
+  // buffer now.
+  virtual void onBufferDelivered() noexcept {}
 };
 
 class TraceSessionApi {

@@ -167,6 +167,12 @@ void WINAPI onEvent(PEVENT_RECORD record) {
   }
 }
 
+// Called after the events of each delivered buffer; TRUE keeps the processing going.
+ULONG WINAPI onBuffer(PEVENT_TRACE_LOGFILEA logFile) {
+  static_cast<ConsumerContext*>(logFile->Context)->sink->onBufferDelivered();
+  return TRUE;
+}
+
 class SystemTraceSessions : public TraceSessionApi {
  public:
   uint32_t startSession(const EtwSettings& settings, uint32_t logFileMode) override {
@@ -254,6 +260,7 @@ class SystemTraceSessions : public TraceSessionApi {
     logFile.LoggerName = const_cast<char*>(kSessionName);
     logFile.ProcessTraceMode = kProcessTraceMode;
     logFile.EventRecordCallback = &onEvent;
+    logFile.BufferCallback = &onBuffer;
     logFile.Context = &consumer_;
     const TRACEHANDLE consumer = OpenTraceA(&logFile);
     if (consumer == INVALID_PROCESSTRACE_HANDLE) return GetLastError();

@@ -99,10 +99,10 @@ void appendHex(std::string& out, const MessageView& view) {
 }
 
 // {"timestamp":...,"host":...,"schema":1,"type":
-void appendJsonEnvelope(std::string& out, const MessageSettings& settings,
+void appendJsonEnvelope(std::string& out, const MessageSettings& settings, Rfc5424Clock& clock,
                         const MessageView& view) {
   out.append("{\"timestamp\":\"");
-  append_rfc5424_time(out, view.time_sec, view.time_nsec);
+  clock.append(out, view.time_sec, view.time_nsec);
   out.append("\",\"host\":");
   appendJsonString(out, settings.hostname);
   out.append(",\"schema\":");
@@ -145,7 +145,7 @@ bool MessageFormatter::format(const MessageView& view, std::string& out) {
       appendJsonError(view, out);
     }
   } else {
-    append_syslog_header(out, settings_, view.time_sec, view.time_nsec);
+    append_syslog_header(out, settings_, &clock_, view.time_sec, view.time_nsec);
     if (parsed) {
       appendQueryLog(view, out);
     } else {
@@ -256,7 +256,7 @@ void MessageFormatter::appendQueryLogError(const MessageView& view, std::string&
 }
 
 void MessageFormatter::appendJson(const MessageView& view, std::string& out) const {
-  appendJsonEnvelope(out, settings_, view);
+  appendJsonEnvelope(out, settings_, clock_, view);
   out.append(kTypeNames[view.type].json_value);
   out.append(",\"data\":");
   appendJsonPeers(out, view);
@@ -323,7 +323,7 @@ void MessageFormatter::appendJsonRecords(const DnsSection& section, std::string&
 }
 
 void MessageFormatter::appendJsonError(const MessageView& view, std::string& out) const {
-  appendJsonEnvelope(out, settings_, view);
+  appendJsonEnvelope(out, settings_, clock_, view);
   out.append(kJsonErrorType);
   out.append(",\"data\":");
   appendJsonPeers(out, view);

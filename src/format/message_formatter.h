@@ -15,6 +15,7 @@
 #include "encoding/dnstap_message.h"
 #include "format/message_settings.h"
 #include "format/message_view.h"
+#include "format/syslog.h"
 
 namespace vantrelo::format {
 
@@ -62,6 +63,8 @@ class MessageFormatter {
   const MessageSettings& settings_;
   net::dns::DnsMessage message_;
   MessageView view_;
+  // A cache of the last second's time stamp text: it changes nothing the formatter writes.
+  mutable Rfc5424Clock clock_;
 };
 
 }  // namespace vantrelo::format

@@ -13,10 +13,6 @@ namespace vantrelo::kafka {
 
 namespace {
 
-constexpr char kStartingLoop[] = "Starting process loop";
-constexpr char kFinishedLoop[] = "Finished process loop";
-constexpr char kLoopFailed[] = "Process loop failed: ";
-
 // With nothing to send the thread sleeps in the client's poll, which ends early for a delivery
 // report but not for a push to the queue; this bounds the delay of an event after a quiet time.
 constexpr int kIdlePollMs = 10;
@@ -46,7 +42,7 @@ void* slotOpaque(uint32_t slot) { return reinterpret_cast<void*>(static_cast<uin
 KafkaForwarder::KafkaForwarder(uint32_t id, const worker::forwarder::ForwarderSettings& settings,
                                event::queue::EventQueue& queue,
                                const format::MessageSettings& messageSettings)
-    : id_(id),
+    : ForwarderCounters(id),
       settings_(settings),
       dnstap_(messageSettings.format == format::MessageFormat::kDnstap),
       queue_(queue),
@@ -121,17 +117,12 @@ void KafkaForwarder::join() {
 }
 
 void KafkaForwarder::run() {
-  log::info(prefix() + kStartingLoop);
-  log::info(prefix() + "Configured target is " + settings_.kafka.brokers + " topic " +
-            settings_.kafka.topic);
-  try {
-    produceLoop();
-  } catch (const std::exception& failure) {
-    log::error(prefix() + kLoopFailed + failure.what());
-  }
-  // Without a client (a restart failed) nothing is held any more.
-  if (handle_ != nullptr) finish();
-  log::info(prefix() + kFinishedLoop);
+  runProcessLoop(
+      settings_.kafka.brokers + " topic " + settings_.kafka.topic, [this] { produceLoop(); },
+      [this] {
+        // Without a client (a restart failed) nothing is held any more.
+        if (handle_ != nullptr) finish();
+      });
 }
 
 void KafkaForwarder::produceLoop() {
@@ -146,13 +137,17 @@ void KafkaForwarder::produceLoop() {
 }
 
 uint32_t KafkaForwarder::produceBatch(uint32_t limit) {
+  // One lock for the whole batch; each event then waits for its delivery report in a slot.
+  popped_.clear();
+  poppedLengths_.clear();
+  if (queue_.popBatch(popped_, poppedLengths_, limit) == 0) return 0;
   uint32_t produced = 0;
-  for (uint32_t taken = 0; taken < limit; ++taken) {
+  size_t at = 0;
+  for (const uint32_t length : poppedLengths_) {
     const uint32_t slot = freeSlots_.back();
     std::string& event = slots_[slot];
-    event.clear();
-    queue_.pop(event);
-    if (event.empty()) break;
+    event.assign(popped_, at, length);
+    at += length;
     value_.clear();
     bool formatted = false;
     try {
@@ -338,15 +333,10 @@ void KafkaForwarder::onLog(const rd_kafka_t* handle, int level, const char* faci
 }
 
 void KafkaForwarder::metrics(format::ForwarderMetrics& out) const {
-  out.id = id_;
+  fillCounters(out);
   out.is_kafka = true;
   out.host = settings_.kafka.brokers;
   out.topic = settings_.kafka.topic;
-  out.connected = connected();
-  out.bytes_sent = bytesSent();
-  out.events_sent = eventsSent();
-  out.connects = connects();
-  out.dnstap_errors = dnstapErrors();
   out.delivery_failures = deliveryFailures();
 }
 

@@ -1,15 +1,15 @@
 // Moves events from the queue to a Kafka topic, one record per event.
 //
-// The forwarder pops up to batch-size events at a time, formats each with the agent's message
-// format and hands it to the Kafka client as one record: a JSON object or a query-log line
-// without its line feed, or for dnstap the event's bytes without Frame Streams framing. The
-// client's delivery reports decide what counts as sent. A record that fails for good goes back
-// into the queue (best-effort, durable) or is counted as lost (drop); either way it counts as a
-// delivery failure. The client never holds more than a fixed number of records, so events wait
-// in the agent's ring, not in the client. A stop flushes what the client holds for a limited
-// time, then takes back what is left and returns it to the queue, whatever the recovery mode.
-// When the client fails for good (the idempotent producer can no longer keep its promises), the
-// forwarder takes back what it held the same way and starts a new client.
+// The forwarder pops up to batch-size events at a time, under one lock of the queue, formats each
+// with the agent's message format and hands it to the Kafka client as one record: a JSON object or
+// a query-log line without its line feed, or for dnstap the event's bytes without Frame Streams
+// framing. The client's delivery reports decide what counts as sent. A record that fails for good
+// goes back into the queue (best-effort, durable) or is counted as lost (drop); either way it
+// counts as a delivery failure. The client never holds more than a fixed number of records, so
+// events wait in the agent's ring, not in the client. A stop flushes what the client holds for a
+// limited time, then takes back what is left and returns it to the queue, whatever the recovery
+// mode. When the client fails for good (the idempotent producer can no longer keep its promises),
+// the forwarder takes back what it held the same way and starts a new client.
 //
 // Each record in the client keeps a slot holding its encoded event, so that it can go back to
 // the queue; the slots are allocated once and reused.
@@ -54,11 +54,6 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   void stop() { stopRequested_ = true; }
   void join();
 
-  bool connected() const { return connected_.load(); }
-  uint64_t connects() const { return connects_.load(); }
-  uint64_t bytesSent() const { return bytesSent_.load(); }
-  uint64_t eventsSent() const { return eventsSent_.load(); }
-  uint64_t dnstapErrors() const { return dnstapErrors_.load(); }
   uint64_t deliveryFailures() const { return deliveryFailures_.load(); }
 
   void metrics(format::ForwarderMetrics& out) const override;
@@ -67,7 +62,6 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   static constexpr std::chrono::milliseconds kStopFlushLimit{5000};
 
  private:
-  std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
   void createClient();
   // After a fatal error of the client: takes back what it holds, then starts a new one.
   void restartClient();
@@ -92,14 +86,15 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   void settle(uint32_t slot, rd_kafka_resp_err_t error, size_t valueSize);
   void readStatistics(const char* json, size_t length);
 
-  const uint32_t id_;
   const worker::forwarder::ForwarderSettings settings_;
   const bool dnstap_;
   event::queue::EventQueue& queue_;
   format::MessageFormatter formatter_;
   encoding::dnstap::DnstapMessage record_;
-  std::string value_;  // the formatted message of the current event
-  std::string key_;    // the client address of the current event, when records carry one
+  std::string value_;   // the formatted message of the current event
+  std::string key_;     // the client address of the current event, when records carry one
+  std::string popped_;  // the events of the last pop, back to back
+  std::vector<uint32_t> poppedLengths_;  // and their lengths
 
   std::vector<std::string> slots_;  // the encoded event of each record the client holds
   std::vector<uint32_t> freeSlots_;
@@ -114,12 +109,6 @@ class KafkaForwarder : public worker::forwarder::ForwarderCounters {
   rd_kafka_topic_t* topic_ = nullptr;
   std::thread thread_;
   std::atomic<bool> stopRequested_{false};
-
-  std::atomic<bool> connected_{false};
-  std::atomic<uint64_t> connects_{0};
-  std::atomic<uint64_t> bytesSent_{0};
-  std::atomic<uint64_t> eventsSent_{0};
-  std::atomic<uint64_t> dnstapErrors_{0};
   std::atomic<uint64_t> deliveryFailures_{0};
 };
 

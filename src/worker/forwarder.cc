@@ -11,9 +11,6 @@ namespace vantrelo::worker::forwarder {
 
 namespace {
 
-constexpr char kStartingLoop[] = "Starting process loop";
-constexpr char kFinishedLoop[] = "Finished process loop";
-constexpr char kLoopFailed[] = "Process loop failed: ";
 constexpr char kConnectionError[] = "Connection error: ";
 
 // A collector that cannot be reached is tried again after this many one-second sleeps.
@@ -37,7 +34,7 @@ ForwarderSettings withClientTls(ForwarderSettings settings) {
 Forwarder::Forwarder(uint32_t id, const ForwarderSettings& settings,
                      event::queue::EventQueue& queue,
                      const format::MessageSettings& messageSettings, std::FILE* output)
-    : id_(id),
+    : ForwarderCounters(id),
       settings_(withClientTls(settings)),
       dnstap_(messageSettings.format == format::MessageFormat::kDnstap),
       queue_(queue),
@@ -84,15 +81,8 @@ void Forwarder::join() {
 }
 
 void Forwarder::run() {
-  log::info(prefix() + kStartingLoop);
   const net::SocketSettings& socket = settings_.socket;
-  log::info(prefix() + "Configured target is " + socket.host + ":" + std::to_string(socket.port));
-  try {
-    processLoop();
-  } catch (const std::exception& failure) {
-    log::error(prefix() + kLoopFailed + failure.what());
-  }
-  log::info(prefix() + kFinishedLoop);
+  runProcessLoop(socket.host + ":" + std::to_string(socket.port), [this] { processLoop(); });
   std::lock_guard<std::mutex> lock(stateMutex_);
   finished_ = true;
   stateCondition_.notify_all();
@@ -286,15 +276,10 @@ void Forwarder::pauseBeforeReconnect() {
 }
 
 void Forwarder::metrics(format::ForwarderMetrics& out) const {
-  out.id = id_;
+  fillCounters(out);
   out.is_ipv6 = settings_.socket.ipv6;
   out.host = settings_.socket.host;
   out.port = settings_.socket.port;
-  out.connected = connected();
-  out.bytes_sent = bytesSent();
-  out.events_sent = eventsSent();
-  out.connects = connects();
-  out.dnstap_errors = dnstapErrors();
 }
 
 }  // namespace vantrelo::worker::forwarder

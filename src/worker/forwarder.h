@@ -50,23 +50,15 @@ class Forwarder : public ForwarderCounters {
   Forwarder(const Forwarder&) = delete;
   Forwarder& operator=(const Forwarder&) = delete;
 
-  uint32_t id() const { return id_; }
   void start();
   // Sets the stop flag and wakes the thread from any wait; returns at once.
   void stop();
   // Waits for the thread to end, waking the queue until it has.
   void join();
 
-  bool connected() const { return connected_.load(); }
-  uint64_t connects() const { return connects_.load(); }
-  uint64_t bytesSent() const { return bytesSent_.load(); }
-  uint64_t eventsSent() const { return eventsSent_.load(); }
-  uint64_t dnstapErrors() const { return dnstapErrors_.load(); }
-
   void metrics(format::ForwarderMetrics& out) const override;
 
  private:
-  std::string prefix() const { return "Forwarder[" + std::to_string(id_) + "]: "; }
   void run();
   void processLoop();
   void connect();
@@ -90,7 +82,6 @@ class Forwarder : public ForwarderCounters {
   Batch& current() { return batches_[currentIndex_]; }
   Batch& previous() { return batches_[1 - currentIndex_]; }
 
-  const uint32_t id_;
   const ForwarderSettings settings_;
   const bool dnstap_;
   event::queue::EventQueue& queue_;
@@ -113,12 +104,6 @@ class Forwarder : public ForwarderCounters {
   std::mutex stateMutex_;  // with stateCondition_: the reconnect pause and the end of the thread
   std::condition_variable stateCondition_;
   bool finished_ = false;  // guarded by stateMutex_
-
-  std::atomic<bool> connected_{false};
-  std::atomic<uint64_t> connects_{0};
-  std::atomic<uint64_t> bytesSent_{0};
-  std::atomic<uint64_t> eventsSent_{0};
-  std::atomic<uint64_t> dnstapErrors_{0};
 };
 
 }  // namespace vantrelo::worker::forwarder

@@ -86,7 +86,7 @@ void Listener::run() {
 
 void Listener::runEtw() {
   log::info(prefix() + kStartingEtw);
-  etwReader_->run(&EventPusher::handle, &etwPusher_);
+  etwReader_->run(&EventPusher::handle, &etwPusher_, &EventPusher::flushHandle);
 }
 
 void Listener::runSocket() {

@@ -60,6 +60,7 @@ std::string relayCapturedPair(filter::EdgeFilter* filter = nullptr) {
   decoder.handleEvent(etw::testing::buildEvent(256, etw::kWindows2019, values));
   values.message = kResponse;
   decoder.handleEvent(etw::testing::buildEvent(257, etw::kWindows2019, values));
+  pusher.flush();
 
   format::MessageSettings messages;
   messages.format = format::MessageFormat::kQuerylog;
@@ -148,6 +149,44 @@ TEST(EtwPipelineTest, EtwListenerOverScriptedSessions) {
   failing.join();
   EXPECT_EQ(failures, std::vector<std::string>{"Listener[1]: StartTrace() failed: " +
                                                error::systemErrorText(5)});
+}
+
+// The events of each buffer the session delivers reach the queue at the buffer's end, while the
+// capture waits for the next one (a quiet server), not only when processing ends.
+TEST(EtwPipelineTest, DeliveredBufferReachesTheQueueWhileTheCaptureWaits) {
+  struct QuietAfterOneBuffer : etw::testing::FakeSessions {
+    uint32_t openConsumer(etw::EventSink& sink, Handle& handle) override {
+      capture = &sink;
+      return FakeSessions::openConsumer(sink, handle);
+    }
+    uint32_t processEvents(Handle) override {
+      for (const etw::EventRecordView* event : buffer) capture->onEvent(*event);
+      capture->onBufferDelivered();
+      queuedWhileWaiting = testing::waitUntil([this] { return queue->count() == buffer.size(); });
+      requestStop();
+      return 0;
+    }
+    etw::EventSink* capture = nullptr;
+    std::vector<const etw::EventRecordView*> buffer;
+    event::queue::EventQueue* queue = nullptr;
+    bool queuedWhileWaiting = false;
+  };
+  listener::ListenerSettings settings = listener::parse("etw");
+  settings.etwSettings.windowsVersion = etw::kWindows2025;
+  settings.etwSettings.identityFromEvent = false;
+  event::queue::EventQueue queue(event::queue::QueueOptions{1 << 16, false, ""});
+  const etw::testing::SyntheticEvent query = etw::testing::buildEvent(287, etw::kWindows2025);
+  const etw::testing::SyntheticEvent response = etw::testing::buildEvent(284, etw::kWindows2025);
+  auto sessions = std::make_unique<QuietAfterOneBuffer>();
+  QuietAfterOneBuffer& fake = *sessions;
+  fake.buffer = {&query, &response};
+  fake.queue = &queue;
+  listener::Listener listener(0, settings, queue, std::move(sessions));
+  fake.requestStop = [&listener] { listener.stop(); };
+  listener.start();
+  listener.join();
+  EXPECT_TRUE(fake.queuedWhileWaiting);
+  EXPECT_EQ(queue.count(), 2u);
 }
 
 }  // namespace
