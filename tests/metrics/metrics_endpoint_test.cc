@@ -25,15 +25,20 @@ std::string readAll(net::Socket& socket) {
 // are dropped after the read time-out. Scrapes and /health run end to end against a real server.
 TEST(MetricsEndpointTest, ResponsesConnectionLimitAndReadTimeOut) {
   net::startNetworking();
-  MetricsEndpoint endpoint({.enabled = true, .socket = {.unix = false, .port = 0}}, "9.9", {});
+  // Not on 127.0.0.1: a scraper of another test running at the same time may try a port the
+  // system hands out again here, and every connection it makes takes one of the slots counted.
+  const std::string host = "127.0.0.2";
+  MetricsEndpoint endpoint({.enabled = true, .socket = {.unix = false, .host = host, .port = 0}},
+                           "9.9", {});
   endpoint.start();
   for (int i = 0; i < 500 && endpoint.boundPort() == 0; ++i) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   ASSERT_NE(endpoint.boundPort(), 0);
-  auto connect = [&endpoint] {
+  auto connect = [&endpoint, &host] {
     auto socket = std::make_unique<net::Socket>(
-        1, net::SocketSettings{.unix = false, .port = endpoint.boundPort(), .readTimeout = 10});
+        1, net::SocketSettings{
+               .unix = false, .host = host, .port = endpoint.boundPort(), .readTimeout = 10});
     socket->connect();
     return socket;
   };
