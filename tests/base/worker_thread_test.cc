@@ -4,8 +4,6 @@
 
 #include <stdexcept>
 #include <string>
-#include <system_error>
-#include <thread>
 
 #include "base/log.h"
 
@@ -56,35 +54,6 @@ TEST(WorkerThreadTest, ProcessLoopLinesAndSteps) {
     log::setSystemLog(nullptr);
     EXPECT_EQ(entries, c.expected);
   }
-}
-
-// A second start while the thread exists is ignored; a start after the join runs again with the
-// stop flag cleared; a join from the thread itself is refused.
-TEST(WorkerThreadTest, StartStopJoin) {
-  WorkerThread thread;
-  int runs = 0;
-  std::string selfJoin;
-  const auto body = [&] {
-    ++runs;
-    // Once the stop is requested, start() has returned and the thread is the worker's.
-    while (!thread.stopRequested()) std::this_thread::yield();
-    try {
-      thread.join();
-    } catch (const std::system_error& e) {
-      selfJoin = e.code() == std::errc::resource_deadlock_would_occur ? "refused" : "other";
-    }
-  };
-  thread.start(body);
-  thread.start(body);
-  thread.requestStop();
-  thread.join();
-  EXPECT_FALSE(thread.started());
-  thread.start(body);
-  EXPECT_FALSE(thread.stopRequested());
-  thread.requestStop();
-  thread.join();
-  EXPECT_EQ(runs, 2);
-  EXPECT_EQ(selfJoin, "refused");
 }
 
 }  // namespace
