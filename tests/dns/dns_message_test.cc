@@ -43,16 +43,13 @@ TEST(DnsParseTest, TruncatedAndMalformedMessages) {
   auto questions = [&](uint16_t count) { return cat({cut(4), testing::be16(count), cut(12)}); };
   const std::vector<std::pair<Bytes, std::string>> cases = {
       {cut(0), "Read uint16_t failed: Offset 0 + 2 is out of bounds for data of 0 bytes"},
-      {cut(11), "Read uint16_t failed: Offset 10 + 2 is out of bounds for data of 11 bytes"},
       {cut(12), "Read uint8_t failed: Offset 12 + 1 is out of bounds for data of 12 bytes"},
       {cut(13), "Read FQDN failed: DNS name offset + label length 14 which is past packet len 13"},
       // The label ends on the last byte: no room for the terminator.
       {cut(14), "Read FQDN failed: DNS name offset + label length 14 which is past packet len 14"},
       {cut(17), "Read uint16_t failed: Offset 17 + 2 is out of bounds for data of 17 bytes"},
-      {cut(21), "Read uint8_t failed: Offset 21 + 1 is out of bounds for data of 21 bytes"},
       {cut(30), "Read uint32_t failed: Offset 27 + 4 is out of bounds for data of 30 bytes"},
       {cut(36), "Offset 33 + record data length 4 is out of bounds for packet of 36 bytes"},
-      {questions(0), "No question RRs 0 is not 1"},
       {questions(2), "No question RRs 2 is not 1"},
   };
   for (const auto& [bytes, error] : cases) {

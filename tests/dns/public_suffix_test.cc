@@ -8,14 +8,6 @@
 namespace vantrelo::net::dns {
 namespace {
 
-TEST(BuiltinRulesTest, ListOrderAndForm) {
-  const auto& rules = builtin_rules();
-  ASSERT_EQ(rules.size(), 6933u);
-  EXPECT_EQ(rules.front(), "ac");
-  EXPECT_EQ(rules[1], "com.ac");
-  EXPECT_EQ(rules.back(), "zuerich");
-}
-
 TEST(DomainOffsetTest, BuiltinAndConfiguredSuffixes) {
   struct Case {
     std::string name;

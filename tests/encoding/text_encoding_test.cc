@@ -48,9 +48,7 @@ TEST(TextEncodingTest, DecodersTakeMoreThanTheEncodersWriteAndNameWhatTheyRefuse
       {kBase64, "Zh==", ">f"},  // left-over bits are dropped unchecked
       {kBase64, "Zm9vY", "Invalid base64 length: 5"},
       {kBase64, "Z=mA", "Invalid base64 padding"},
-      {kBase64, "Zg==Zm9v", "Invalid base64 padding"},
       {kBase64, "Zm9v Z===", "Invalid base64 padding"},
-      {kBase64, "Zm9v====", "Invalid base64 padding"},
       {kBase64, "Zm9-", "Invalid base64 character: 45"},
       {kBase64, "Zm9\xe9", "Invalid base64 character: 233"},
       {kHex, "666F6f", ">foo"},

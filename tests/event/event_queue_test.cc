@@ -119,7 +119,6 @@ TEST(EventQueueTest, RefusesWhatCanNeverFit) {
     std::string error;
   } cases[] = {
       {10, 8, "value length 8 is larger than the size of the queue 10"},
-      {10, 4294967295u, "value length 4294967295 is larger than the size of the queue 10"},
       {16777220, 16777216, "value length 16777216 is larger than the maximum allowed of 16777215"},
       {0, 0, "value length 0 is larger than the size of the queue 0"},
       {uint64_t{1} << 62, 0,
