@@ -38,6 +38,30 @@ def sampled_in(address, port, txid, one_in):
     return h % one_in == 0
 
 
+def field(number, value):
+    # One protobuf field: length-delimited for bytes, else a varint.
+    def varint(n):
+        out = bytearray()
+        while n >= 0x80:
+            out.append(n & 0x7F | 0x80)
+            n >>= 7
+        return bytes(out + bytes([n]))
+    if isinstance(value, bytes):
+        return varint(number << 3 | 2) + varint(len(value)) + value
+    return varint(number << 3) + varint(value)
+
+
+# A client response for www.example.test A as a newer sender writes it, with
+# policy (15, a nested message) and http_protocol (16) in the Message.
+NEWER_FRAME = field(1, b"newer-peer") + field(15, 1) + field(14, b"".join((
+    field(1, 6), field(2, 1), field(3, 1), field(4, bytes([192, 0, 2, 7])),
+    field(5, bytes([192, 0, 2, 53])), field(6, 40000), field(7, 53),
+    field(12, 1709622542), field(14, bytes.fromhex(
+        "12348180000100000000000003777777076578616d706c6504746573740000010001")),
+    field(15, field(1, b"rpz") + field(2, b"www.example.test.") + field(3, 1)),
+    field(16, 2))))
+
+
 def under(name, domain):
     return name == domain or name.endswith("." + domain)
 
@@ -56,7 +80,8 @@ class Senders(harness.RelayTest):
     def test_file_senders_through_filters(self):
         # Load-generator records (read back by the dnstap tool) filtered by
         # name and type: the frames no rule touched pass byte for byte, from
-        # fstrm_replay and the dnstap tool over TCP and the Unix socket.
+        # fstrm_replay and the dnstap tool over TCP and the Unix socket; then
+        # a frame with Message fields the agent does not use.
         harness.require("fstrm_capture", "dnstap")
         source, payloads = self.generate(COUNT, 16)
         questions = []  # (name, type, id, client address, client port)
@@ -86,7 +111,16 @@ class Senders(harness.RelayTest):
                 for count, send in enumerate(sends, 1):
                     harness.run_tool(send + ["-r", source])
                     agent.wait_sent(count * len(expected))
-        self.assertEqual(capture.payloads, expected * len(sends))
+                newer = os.path.join(self.directory, "newer.fstrm")
+                with open(newer, "wb") as handle:
+                    handle.write(fstrm.control_frame(fstrm.START,
+                                                     fstrm.CONTENT_TYPE) +
+                                 fstrm.data_frame(NEWER_FRAME) +
+                                 fstrm.control_frame(fstrm.STOP))
+                harness.run_tool(sends[0] + ["-r", newer])
+                agent.wait_sent(len(sends) * len(expected) + 1)
+        self.assertEqual(capture.payloads,
+                         expected * len(sends) + [NEWER_FRAME])
 
         # The JSON lines show the survivors of a sample, clients truncated.
         expected = [(str(ipaddress.ip_network(
