@@ -69,26 +69,6 @@ TEST(SocketTest, ConnectAndListenOutcomes) {
   }
 }
 
-TEST(SocketTest, ConnectTimesOutWhenTheListenQueueIsFull) {
-#ifdef _WIN32
-  GTEST_SKIP() << "Windows refuses connections beyond the backlog instead of ignoring them";
-#endif
-  SocketSettings settings = loopbackSettings();
-  settings.listenBacklog = 0;
-  Socket listener(1, settings);
-  listener.listen();
-  settings.port = listener.localPort();
-  settings.connectTimeout = 1;
-  // Once the accept queue is full, further connection requests go unanswered.
-  std::vector<std::unique_ptr<Socket>> fillers;
-  std::string error = "(no error)";
-  for (int i = 0; i < 8 && error == "(no error)"; ++i) {
-    fillers.push_back(std::make_unique<Socket>(10 + i, settings));
-    error = errorOf([&] { fillers.back()->connect(); });
-  }
-  EXPECT_EQ(error, "connect() failed: wait() timed out");
-}
-
 // A wait ends after whole seconds of time-out, or at a stop request on a patient socket: at
 // once, or only once a pass finds nothing to read, so that a peer still answering is heard out.
 TEST(SocketTest, TimeOutsAndStopRequestsEndWaits) {
