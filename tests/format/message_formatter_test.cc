@@ -224,17 +224,6 @@ TEST(MessageFormatterTest, SuffixSettingsAndNamesWithoutTrailingDot) {
                 "\n");
 }
 
-// The protocol names come from the vocabulary; only the stream marker is the formatter's.
-TEST(MessageFormatterTest, StreamProtocolsAreMarkedWithT) {
-  std::string markers;
-  for (uint64_t protocol : {0, 1, 2, 3, 4, 5, 6, 7, 9}) {
-    const DnstapMessage record = makeRecord(5, 1, protocol, "192.0.2.7", "", 1, queryWire());
-    const std::string line = formatRecord(settingsFor(MessageFormat::kQuerylog), record);
-    markers += line.substr(line.find(" IN A ") + 6, 2) + "|";
-  }
-  EXPECT_EQ(markers, "+ |+ |+T|+T|+T|+ |+T|+ |+ |");
-}
-
 TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
   // Types outside 1..12, and records without the message of their direction: the other
   // direction's message does not count.
@@ -286,16 +275,6 @@ TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
       EXPECT_EQ(out, "before");
     }
   }
-}
-
-// Whole events through the forwarder, and bytes that are not dnstap, are covered by the
-// forwarder's tests; here the prefix of a length past 16 bits fills every byte.
-TEST(MessageFormatterTest, DnstapFrameLengthIsBigEndian) {
-  const std::string payload(0x010203, 'p');
-  std::string big = "x";
-  appendDnstapFrame(big, reinterpret_cast<const uint8_t*>(payload.data()),
-                    static_cast<uint32_t>(payload.size()));
-  EXPECT_EQ(big, std::string("x\x00\x01\x02\x03", 5) + payload);
 }
 
 }  // namespace
