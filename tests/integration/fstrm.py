@@ -3,6 +3,7 @@
 # can stop or break anywhere, and a collector that resets the connection after
 # a given number of frames, falls behind, or comes up late on a fixed port.
 
+import contextlib
 import socket
 import struct
 import threading
@@ -14,7 +15,7 @@ FIELD_CONTENT_TYPE = 1
 
 
 def control_frame(kind, content_type=None):
-    """An escaped control frame: 0, length, type, optional content type."""
+    # An escaped control frame: 0, length, type, optional content type.
     body = struct.pack(">I", kind)
     if content_type is not None:
         body += struct.pack(">II", FIELD_CONTENT_TYPE,
@@ -42,7 +43,7 @@ def take_frame(buffer):
 
 
 def read_payloads(path):
-    """The data frame payloads of a complete Frame Streams file."""
+    # The data frame payloads of a complete Frame Streams file.
     with open(path, "rb") as handle:
         buffer = bytearray(handle.read())
     payloads = [body for kind, body in iter(lambda: take_frame(buffer), None)
@@ -61,7 +62,7 @@ class Client(socket.socket):
         self.connect(("127.0.0.1", port))
 
     def control(self, kind, reply=None):
-        """Sends a control frame; with reply, expects that one back."""
+        # Sends a control frame; with reply, expects that one back.
         self.sendall(control_frame(kind, None if kind == STOP else
                                    CONTENT_TYPE))
         buffer, frame = bytearray(), None
@@ -93,13 +94,12 @@ class Collector:
 
     def __init__(self, port, drop_after=None, slow=None):
         self.address = ("127.0.0.1", port)
-        self.drop_after, self.slow = drop_after, slow
-        self.connections = 0
+        self.drop_after, self.slow, self.connections = drop_after, slow, 0
         self._received, self._lock = [], threading.Lock()
         self._stopping = False
+        self._server = socket.create_server(self.address)
 
     def __enter__(self):
-        self._server = socket.create_server(self.address)
         self._server.settimeout(0.2)
         self._thread = threading.Thread(target=self._accept_loop, daemon=True)
         self._thread.start()
@@ -116,10 +116,10 @@ class Collector:
 
     def wait_count(self, count, timeout=15.0):
         deadline = time.monotonic() + timeout
-        while len(self.received()) < count:
-            assert time.monotonic() < deadline, "%d of %d frames came" % (
-                len(self.received()), count)
+        while len(self.received()) < count and time.monotonic() < deadline:
             time.sleep(0.05)
+        assert len(self.received()) >= count, "%d of %d frames came" % (
+            len(self.received()), count)
         return self.received()
 
     def _accept_loop(self):
@@ -133,12 +133,9 @@ class Collector:
                 conn.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF,
                                 4 * self.slow)
             self.connections += 1
-            with conn:
-                try:
-                    self._serve(conn, self.drop_after
-                                if self.connections == 1 else None)
-                except OSError:
-                    pass
+            with conn, contextlib.suppress(OSError):
+                self._serve(conn, self.drop_after
+                            if self.connections == 1 else None)
 
     def _serve(self, conn, limit):
         buffer = bytearray()
@@ -168,10 +165,8 @@ class Collector:
         # Peeking does not open the receive window, so nothing more arrives;
         # unread bytes make the close a reset, as when a collector dies.
         conn.setblocking(False)
-        try:
+        with contextlib.suppress(OSError):
             buffer += conn.recv(1 << 24, socket.MSG_PEEK)
-        except OSError:
-            pass
         self.discarded = [frame[1] for frame in
                           iter(lambda: take_frame(buffer), None)
                           if frame[0] == "data"]

@@ -20,11 +20,12 @@ TIMEOUT = 15.0
 
 
 class PeerError(RuntimeError):
-    """A peer program failed to start, answer or stop in time."""
+    # A peer program failed to start, answer or stop in time.
+    pass
 
 
 def free_port():
-    """A loopback port free for TCP and UDP (the DNS servers need both)."""
+    # A loopback port free for TCP and UDP (the DNS servers need both).
     while True:
         with socket.socket() as tcp, \
                 socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
@@ -48,15 +49,15 @@ def listening(where):
 
 
 def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
-    """Polls predicate until true; fails early when the peer has died."""
+    # Polls predicate until true; fails early when the peer has died.
     deadline = time.monotonic() + timeout
     while not predicate():
-        if peer is not None and not peer.running():
-            raise PeerError("%s exited (code %s) before %s:\n%s" % (
-                peer.name, peer.popen.poll(), what, peer.log()[-3000:]))
-        if time.monotonic() > deadline:
-            raise PeerError("timed out after %.1f s waiting for %s\n%s" % (
-                timeout, what, peer.log()[-3000:] if peer else ""))
+        died = peer is not None and not peer.running()
+        if died or time.monotonic() > deadline:
+            raise PeerError("%s before %s\n%s" % (
+                "%s exited (code %s)" % (peer.name, peer.popen.poll()) if died
+                else "timed out after %.1f s" % timeout, what,
+                peer.log()[-3000:] if peer else ""))
         time.sleep(interval)
 
 
@@ -72,37 +73,19 @@ def run_tool(argv, timeout=60):
 
 def require(*tools, root=False):
     missing = [tool for tool in tools if shutil.which(tool) is None]
-    if missing:
-        raise unittest.SkipTest("not installed: %s (scripts/install-test-"
-                                "peers)" % " ".join(missing))
-    if root and os.geteuid() != 0:
-        raise unittest.SkipTest("the DNS server peers need root")
-
-
-def queue_file_events(path):
-    """The events of a queue file: magic, then length, checksum, bytes."""
-    with open(path, "rb") as handle:
-        data = handle.read()
-    assert data[:4] == b"sslz", "%s has no queue file magic" % path
-    events, offset = [], 4
-    while offset < len(data):
-        length = struct.unpack_from(">I", data, offset)[0]
-        event = data[offset + 5:offset + 5 + length]
-        assert len(event) == length and sum(event) % 256 == data[offset + 4], \
-            "bad queue file record at %d" % offset
-        events.append(event)
-        offset += 5 + length
-    return events
+    if missing or root and os.geteuid() != 0:
+        raise unittest.SkipTest("needs root and scripts/install-test-peers: "
+                                "%s" % " ".join(missing or tools))
 
 
 class Peer:
     # A program in a temporary directory and a process group of its own, its
-    # output in <name>.log. Entering starts it and waits until it is ready;
-    # leaving stops the whole group (SIGKILL after a bounded wait, so nothing
-    # outlives a failed test) and removes the directory. Not thread-safe.
+    # output in <name>.log, with a fresh loopback port unless given one.
+    # Entering starts it and waits until it is ready; leaving stops the whole
+    # group (SIGKILL after a bounded wait, so nothing outlives a failed test)
+    # and removes the directory. Not thread-safe.
 
-    name = "peer"
-    popen = None
+    name, popen, port = "peer", None, None
 
     def path(self, name):
         return os.path.join(self.workdir, name)
@@ -112,13 +95,17 @@ class Peer:
             handle.write(text)
         return self.path(name)
 
-    def spawn(self, argv, ready, what):
+    def spawn(self, argv, ready_on, also_logged=""):
+        # Ready once it listens on every port (int) and Unix socket path
+        # (str) of ready_on and has logged also_logged.
         with open(self.path(self.name + ".log"), "ab") as log:
             self.popen = subprocess.Popen(
                 [str(arg) for arg in argv], cwd=self.workdir, stdout=log,
                 stdin=subprocess.DEVNULL, stderr=subprocess.STDOUT,
                 start_new_session=True)
-        wait_until(ready, what, peer=self)
+        wait_until(lambda: all(map(listening, ready_on)) and
+                   also_logged in self.log(), "%s listening on %s %s" % (
+                       self.name, ready_on, also_logged), peer=self)
 
     def running(self):
         return self.popen is not None and self.popen.poll() is None
@@ -132,7 +119,7 @@ class Peer:
                 pass
 
     def read(self, name):
-        """A file of the peer's directory as text, "" while it is missing."""
+        # A file of the peer's directory as text, "" while it is missing.
         try:
             with open(self.path(name), encoding="utf-8", errors="replace",
                       newline="") as handle:
@@ -144,6 +131,8 @@ class Peer:
         return self.read(self.name + ".log")
 
     def __enter__(self):
+        self.port = self.port or free_port()
+        self.address = (LOOPBACK, self.port)
         self.workdir = tempfile.mkdtemp(prefix="vt-%s-" % self.name)
         try:
             self.start()
@@ -161,22 +150,22 @@ class Peer:
 
 
 class Agent(Peer):
-    # `vantrelo run` (or another run command) on a configuration given as
-    # lines; start() waits until it listens on every port (int) and Unix socket
-    # path (str) named. Restartable in the same directory, so a second run
-    # loads the queue file of the first. Not thread-safe.
+    # `vantrelo <command>` on a configuration given as lines; ready once it
+    # listens on every listener and metrics port the lines name. Restartable
+    # in the same directory, so a second run loads the queue file of the
+    # first. Not thread-safe.
 
     name = "vantrelo"
 
-    def __init__(self, config_lines, listening=(), command="run"):
-        self.config_lines, self.ready_on = config_lines, listening
-        self.command = command
+    def __init__(self, config_lines, command="run"):
+        self.config_lines, self.command = config_lines, command
 
     def start(self):
         config = self.write("vantrelo.conf", "\n".join(self.config_lines))
-        self.spawn([os.environ["VANTRELO_BIN"], self.command, config],
-                   lambda: all(map(listening, self.ready_on)),
-                   "vantrelo listening")
+        self.spawn([os.environ["VANTRELO_BIN"], self.command, config], [
+            int(w[3]) if w[1] == "ipv4" else w[2]
+            for w in map(str.split, self.config_lines)
+            if w[0] in ("listener", "metrics-listen")])
 
     def stop(self):
         # SIGTERM; the agent must end by itself with code 0 and log "Stopped"
@@ -199,7 +188,7 @@ class Agent(Peer):
                    "%d log line(s) with %r" % (count, text), peer=self)
 
     def metrics(self):
-        """The "Metrics: " lines, each as {group: [{key: value}]}."""
+        # The "Metrics: " lines, each as {group: [{key: value}]}.
         found = []
         for line in self.log().splitlines():
             if "Metrics: " in line:
@@ -212,8 +201,8 @@ class Agent(Peer):
         return found
 
     def wait_metrics(self, predicate, what, timeout=TIMEOUT, since=0):
-        """Waits for a metrics line (after the first since) that satisfies
-        predicate; returns it."""
+        # Waits for a metrics line (after the first since) that satisfies
+        # predicate; returns it.
         found = []
         wait_until(lambda: found.extend(m for m in self.metrics()[since:]
                                         if predicate(m)) or found,
@@ -227,7 +216,7 @@ class Agent(Peer):
 
 
 class RelayTest(unittest.TestCase):
-    """A temporary directory and a free listener port for each test."""
+    # A temporary directory and a free listener port for each test.
 
     def setUp(self):
         self.directory = self.enterContext(
@@ -236,7 +225,7 @@ class RelayTest(unittest.TestCase):
         require("fstrm_replay")
 
     def generate(self, count, seed, *options):
-        """Load-generator events in a file: (path, payloads)."""
+        # Load-generator events in a file: (path, payloads).
         path = os.path.join(self.directory,
                             "load-%d.fstrm" % len(os.listdir(self.directory)))
         self.loadgen("--write", path, "--count", count, "--seed", seed,
@@ -246,19 +235,17 @@ class RelayTest(unittest.TestCase):
     def loadgen(self, *args):
         run_tool([os.environ["VANTRELO_LOADGEN"]] + list(args))
 
-    def agent(self, forward_to, options="", *settings, listener="", unix=None,
+    def agent(self, forward_to, options="", *settings, listener="",
               command="run"):
-        # The agent listening on self.port (and on the Unix socket unix),
-        # forwarding dnstap (unless settings name a message-format) to a (host,
-        # port) with the forwarder options, reporting every second.
-        lines = ["listener ipv4 %s %d %s" % (LOOPBACK, self.port, listener),
-                 "forwarder ipv4 %s %d %s" % (forward_to + (options,)),
-                 "metrics-interval 1"] + list(settings)
-        if not any(line.startswith("message-format ") for line in lines):
-            lines.append("message-format dnstap")
-        if unix:
-            lines.append("listener unix " + unix)
-        return Agent(lines, [self.port] + ([unix] if unix else []), command)
+        # The agent listening on self.port with the listener options,
+        # forwarding dnstap (unless settings name another message-format: the
+        # first line of a key counts) to a (host, port) with the forwarder
+        # options, reporting every second.
+        return Agent(["listener ipv4 %s %d %s" % (LOOPBACK, self.port,
+                                                  listener),
+                      "forwarder ipv4 %s %d %s" % (forward_to + (options,)),
+                      "metrics-interval 1", *settings,
+                      "message-format dnstap"], command)
 
     def replay(self, path):
         # fstrm_replay, bidirectional: it ends once the agent has answered its
@@ -266,11 +253,24 @@ class RelayTest(unittest.TestCase):
         run_tool(["fstrm_replay", "-r", path, "-a", LOOPBACK, "-p", self.port,
                   "-t", fstrm.CONTENT_TYPE.decode()])
 
+    def queue_file_events(self, agent):
+        # The events of the agent's queue file: magic, then per event its
+        # length, checksum and bytes.
+        with open(agent.path("message.queue"), "rb") as handle:
+            data, events = handle.read(), []
+        self.assertEqual(data[:4], b"sslz")
+        offset = 4
+        while offset < len(data):
+            length = struct.unpack_from(">I", data, offset)[0]
+            events.append(data[offset + 5:offset + 5 + length])
+            self.assertEqual((len(events[-1]), sum(events[-1]) % 256),
+                             (length, data[offset + 4]))
+            offset += 5 + length
+        return events
+
 
 def main():
-    """unittest.main with ctest's skip code 77 when every test skipped."""
+    # unittest.main with ctest's skip code 77 when every test skipped.
     result = unittest.main(exit=False, verbosity=2).result
-    if not result.wasSuccessful():
-        sys.exit(1)
-    sys.exit(77 if result.testsRun and
+    sys.exit(1 if not result.wasSuccessful() else 77 if result.testsRun and
              len(result.skipped) == result.testsRun else 0)

@@ -6,11 +6,10 @@ import json
 import re
 import signal
 import urllib.error
-import urllib.parse
 import urllib.request
 
 import fstrm
-from harness import LOOPBACK, Peer, PeerError, free_port, listening, run_tool
+from harness import LOOPBACK, Peer, run_tool
 
 ZONE = "example.test."
 ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
@@ -20,23 +19,7 @@ ZONE_RECORDS = (  # (owner relative to ZONE, type, data)
     ("www", "AAAA", "2001:db8::1"), ("mail", "A", "192.0.2.25"))
 
 
-class _TcpPeer(Peer):
-    """A peer listening on a fresh loopback port, ready once it listens."""
-
-    def spawn_listening(self, argv, also_ready=""):
-        self.spawn(argv, lambda: listening(self.port) and
-                   also_ready in self.log(), "%s listening on %d %s" % (
-                       self.name, self.port, also_ready))
-
-    port = None  # a fixed one, or a fresh one for each start
-
-    def __enter__(self):
-        self.port = self.port or free_port()
-        self.address = (LOOPBACK, self.port)
-        return super().__enter__()
-
-
-class DnsServer(_TcpPeer):
+class DnsServer(Peer):
     # A DNS server answering from the zone only (named without recursion,
     # Unbound refusing everything else), sending its queries and responses
     # as dnstap to target: Unbound a TCP (host, port), Knot and named a Unix
@@ -52,11 +35,12 @@ class DnsServer(_TcpPeer):
                           "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
         config = self.write(self.name + ".conf", getattr(
             self, self.name + "_config")(zone))
-        self.spawn_listening(*{
-            "unbound": (["unbound", "-d", "-c", config],),
+        argv, logged = {
+            "unbound": (["unbound", "-d", "-c", config], ""),
             "knot": (["knotd", "-c", config], "[%s] loaded" % ZONE),
             "named": (["named", "-g", "-n", "1", "-c", config], "running"),
-        }[self.name])
+        }[self.name]
+        self.spawn(argv, [self.port], logged)
 
     def unbound_config(self, _):
         data = "".join('    local-data: "%s %s %s"\n' % (
@@ -68,9 +52,7 @@ class DnsServer(_TcpPeer):
     chroot: ""
     directory: "{self.workdir}"
     pidfile: "{self.path('unbound.pid')}"
-    logfile: ""
     use-syslog: no
-    access-control: 127.0.0.0/8 allow
     module-config: "iterator"
     local-zone: "." refuse
     local-zone: "{ZONE}" static
@@ -124,27 +106,23 @@ zone "{ZONE}" {{ type primary; file "{zone}"; }};
 """
 
 
-class FstrmCapture(_TcpPeer):
-    # fstrm_capture writing every frame to a file (output, or one of its own),
-    # which it completes only when it closes it: stop() ends it with SIGINT and
-    # reads the file into payloads, so stop the sender first.
+class FstrmCapture(Peer):
+    # fstrm_capture writing every frame to the file output, which it completes
+    # only when it closes it: stop() ends it with SIGINT and reads the file
+    # into payloads, so stop the sender first.
 
     name = "fstrm-capture"
-    payloads = None
 
-    def __init__(self, output=None):
+    def __init__(self, output):
         self.output = output
 
     def start(self):
-        self.output = self.output or self.path("capture.fstrm")
-        self.spawn_listening(["fstrm_capture", "-t",
-                              fstrm.CONTENT_TYPE.decode(), "-w", self.output,
-                              "-a", LOOPBACK, "-p", self.port])
+        self.spawn(["fstrm_capture", "-t", fstrm.CONTENT_TYPE.decode(), "-w",
+                    self.output, "-a", LOOPBACK, "-p", self.port], [self.port])
 
     def stop(self):
-        if self.popen is not None:
-            super().stop(signal.SIGINT)
-            self.payloads = fstrm.read_payloads(self.output)
+        super().stop(signal.SIGINT)
+        self.payloads = fstrm.read_payloads(self.output)
 
 
 def dnstap_objects(path):
@@ -165,9 +143,9 @@ def dnstap_objects(path):
     return records
 
 
-class DnstapListener(_TcpPeer):
-    # The dnstap tool receiving Frame Streams and writing one JSON object a
-    # line to a file.
+class DnstapListener(Peer):
+    # The dnstap tool receiving Frame Streams (on port, or a fresh one) and
+    # writing one JSON object a line to a file.
 
     name = "dnstap-listener"
 
@@ -175,15 +153,15 @@ class DnstapListener(_TcpPeer):
         self.port = port
 
     def start(self):
-        self.spawn_listening(["dnstap", "-j", "-w", self.path("dnstap.json"),
-                              "-l", "%s:%d" % self.address])
+        self.spawn(["dnstap", "-j", "-w", self.path("dnstap.json"), "-l",
+                    "%s:%d" % self.address], [self.port])
 
     def lines(self):
-        """The lines received so far, but one still being written."""
+        # The lines received so far, but one still being written.
         return self.read("dnstap.json").split("\n")[:-1]
 
 
-class RsyslogCollector(_TcpPeer):
+class RsyslogCollector(Peer):
     # A private rsyslogd (own config, pid file and work directory; the system's
     # is not touched) taking syslog over TCP (imtcp) and writing each message
     # raw, one a line, to a file.
@@ -200,15 +178,15 @@ ruleset(name="collect") {{ action(type="omfile" template="raw"
     file="{self.path('received.log')}") }}
 input(type="imtcp" address="{LOOPBACK}" port="{self.port}" ruleset="collect")
 """)
-        self.spawn_listening(["rsyslogd", "-n", "-f", config, "-i",
-                              self.path("rsyslogd.pid")])
+        self.spawn(["rsyslogd", "-n", "-f", config, "-i",
+                    self.path("rsyslogd.pid")], [self.port])
 
     def lines(self):
         return self.read("received.log").splitlines()
 
 
 def http_get(port, path):
-    """(status, content type, body) of GET http://127.0.0.1:port/path."""
+    # (status, content type, body) of GET http://127.0.0.1:port/path.
     try:
         with urllib.request.urlopen("http://%s:%d%s" % (
                 LOOPBACK, port, path), timeout=10) as response:
@@ -218,7 +196,7 @@ def http_get(port, path):
         return error.code, error.headers["Content-Type"], error.read().decode()
 
 
-class PrometheusServer(_TcpPeer):
+class PrometheusServer(Peer):
     # The monitoring server scraping one target every second, its data in its
     # own directory, its HTTP API on a free loopback port.
 
@@ -236,20 +214,17 @@ scrape_configs:
     static_configs:
       - targets: ["%s:%d"]
 """ % (LOOPBACK, self.target_port))
-        self.spawn_listening(["prometheus", "--config.file=" + config,
-                              "--storage.tsdb.path=" + self.path("data"),
-                              "--web.listen-address=%s:%d" % self.address])
+        self.spawn(["prometheus", "--config.file=" + config,
+                    "--storage.tsdb.path=" + self.path("data"),
+                    "--web.listen-address=%s:%d" % self.address], [self.port])
 
     def query(self, expression):
-        """The values of an instant query, as floats; none while starting."""
+        # The values of an instant query, as floats; none while the storage
+        # is still opening.
         status, _, body = http_get(self.port, "/api/v1/query?query=" +
-                                   urllib.parse.quote(expression))
-        if status == 503:  # the storage is still opening
-            return []
-        result = json.loads(body)
-        if status != 200 or result["status"] != "success":
-            raise PeerError("query %s: %s" % (expression, body))
-        return [float(item["value"][1]) for item in result["data"]["result"]]
+                                   urllib.request.quote(expression))
+        return [float(item["value"][1]) for item in
+                json.loads(body)["data"]["result"]] if status == 200 else []
 
 
 def dig(port, name, qtype, tcp, recurse=True):

@@ -38,10 +38,11 @@ class Collectors(harness.RelayTest):
         self.source = self.generate(COUNT, 5, "--start-time", 1709622542)[0]
 
     def relay(self, address, settings, received, command="run"):
-        # Replays the file into an agent forwarding to address; returns what
-        # received(agent) gives once every event counts as sent.
-        with self.agent(address, "batch-size=25", *SETTINGS, *settings,
-                        command=command) as agent:
+        # Replays the file into an agent forwarding query-log lines to
+        # address; returns what received(agent) gives once every event counts
+        # as sent.
+        with self.agent(address, "batch-size=25", "message-format querylog",
+                        *SETTINGS, *settings, command=command) as agent:
             self.replay(self.source)
             harness.wait_until(lambda: len(received(agent)) >= COUNT,
                                "%d messages at the collector" % COUNT)
@@ -53,20 +54,16 @@ class Collectors(harness.RelayTest):
         # text is the formatter's unit tests' concern); each header is built
         # here from the record's time, the settings and the agent's pid.
         harness.require("rsyslogd", "dnstap")
-        _, stdout = self.relay(
-            (harness.LOOPBACK, 9), ["message-format querylog"],
-            lambda agent: [line[line.index("queries: "):] for line in
-                           agent.log().splitlines() if "queries: " in line],
-            "run-stdout")
+        _, stdout = self.relay((harness.LOOPBACK, 9), [], lambda agent: [
+            line[line.index("queries: "):] for line in
+            agent.log().splitlines() if "queries: " in line], "run-stdout")
         records = peers.dnstap_objects(self.source)
         for header in ("rfc3164", "rfc5424"):
             with self.subTest(header=header), \
                     peers.RsyslogCollector() as rsyslog:
                 pid, lines = self.relay(rsyslog.address, [
-                    "message-format querylog",
                     "message-syslog-format " + header,
-                    "message-syslog-priority 134"],
-                    lambda agent: rsyslog.lines())
+                    "message-syslog-priority 134"], lambda _: rsyslog.lines())
                 self.assertEqual(lines, [syslog_header(
                     header == "rfc3164", 134, pid, record) + body
                     for record, body in zip(records, stdout)])
@@ -77,38 +74,26 @@ class Collectors(harness.RelayTest):
         # metrics endpoint every second.
         harness.require("dnstap", "prometheus", "promtool")
         expected = harness.run_tool(["dnstap", "-r", self.source, "-j"])
-        port, metrics_port = harness.free_port(), harness.free_port()
-        listener = self.enterContext(peers.DnstapListener(port))
-        relay = self.agent((harness.LOOPBACK, port), "batch-size=25",
-                           "metrics-listen ipv4 %s %d" % (harness.LOOPBACK,
-                                                          metrics_port))
-        relay.ready_on.append(metrics_port)
-        self.enterContext(relay)
+        listener = self.enterContext(peers.DnstapListener())
+        metrics_port = harness.free_port()
+        relay = self.enterContext(self.agent(
+            listener.address, "batch-size=25", "metrics-listen ipv4 %s %d" %
+            (harness.LOOPBACK, metrics_port)))
         server = self.enterContext(peers.PrometheusServer(metrics_port))
         harness.wait_until(lambda: server.query("up") == [1],
                            "the first scrape", 20, server, interval=0.5)
-        self.assertEqual(peers.http_get(metrics_port, "/health")[:2],
-                         (200, "application/json"))
         self.replay(self.source)
         relay.wait_sent(COUNT)
         harness.wait_until(lambda: len(listener.lines()) >= COUNT,
                            "%d records at the dnstap tool" % COUNT)
         self.assertEqual(listener.lines(), expected.splitlines())
-        series = "vantrelo_forwarder_events_sent_total"
-        harness.wait_until(lambda: server.query(series) == [COUNT],
-                           "the server to see %d events" % COUNT, 20, server,
-                           interval=0.5)
-        # A scrape of our own passes promtool and holds totals since start
-        # (where the log line's queue counters are deltas).
+        harness.wait_until(lambda: server.query(
+            "vantrelo_forwarder_events_sent_total") == [COUNT],
+            "the server to see %d events" % COUNT, 20, server, interval=0.5)
+        # A scrape of our own passes promtool.
         status, content_type, text = peers.http_get(metrics_port, "/metrics")
         self.assertEqual((status, content_type),
                          (200, "text/plain; version=0.0.4"))
-        target = '{id="0",type="ipv4",target="%s:%d"}' % (harness.LOOPBACK,
-                                                          port)
-        for name in (series + target, "vantrelo_queue_events_in_total",
-                     "vantrelo_queue_events_processed_total"):
-            self.assertIn("\n%s %d\n" % (name, COUNT), text)
-        self.assertIn("\nvantrelo_forwarder_connected%s 1\n" % target, text)
         checked = subprocess.run(["promtool", "check", "metrics"], input=text,
                                  text=True, capture_output=True, timeout=30)
         self.assertEqual((checked.returncode, checked.stdout + checked.stderr),
@@ -117,27 +102,23 @@ class Collectors(harness.RelayTest):
         # With the collector gone and a write failed, /health stays 200 for
         # one reconnect pause, then answers 503 naming the forwarder; 200
         # again when the collector is back.
+        self.assertEqual(peers.http_get(metrics_port, "/health")[:2],
+                         (200, "application/json"))
         listener.__exit__()
+        started = time.monotonic()
         self.replay(self.source)
-        states = []
-
-        def health():
-            status, _, body = peers.http_get(metrics_port, "/health")
-            states.append((time.monotonic(), status, json.loads(body)))
-            return status == 503
-
-        harness.wait_until(health, "/health to answer 503",
-                           RETRY_SECONDS + 15, relay, interval=0.5)
-        went_down = min(when for when, _, body in states
-                        if body["forwarders"][0]["state"] == "not-connected")
-        self.assertGreater(states[-1][0] - went_down, RETRY_SECONDS - 2)
-        self.assertEqual((states[-1][2]["status"], states[-1][2]["down"]),
-                         ("down", [0]))
-        with peers.DnstapListener(port):
+        harness.wait_until(
+            lambda: peers.http_get(metrics_port, "/health")[0] == 503,
+            "/health to answer 503", RETRY_SECONDS + 15, relay, interval=0.5)
+        self.assertGreater(time.monotonic() - started, RETRY_SECONDS - 2)
+        body = json.loads(peers.http_get(metrics_port, "/health")[2])
+        self.assertEqual((body["status"], body["down"]), ("down", [0]))
+        with peers.DnstapListener(listener.port):
             harness.wait_until(
                 lambda: peers.http_get(metrics_port, "/health")[0] == 200,
                 "/health back at 200", RETRY_SECONDS + 15, relay,
                 interval=0.5)
+
 
 if __name__ == "__main__":
     harness.main()

@@ -8,6 +8,7 @@
 import ipaddress
 import json
 import os
+import pathlib
 
 import fstrm
 import harness
@@ -38,28 +39,14 @@ def sampled_in(address, port, txid, one_in):
     return h % one_in == 0
 
 
-def field(number, value):
-    # One protobuf field: length-delimited for bytes, else a varint.
-    def varint(n):
-        out = bytearray()
-        while n >= 0x80:
-            out.append(n & 0x7F | 0x80)
-            n >>= 7
-        return bytes(out + bytes([n]))
-    if isinstance(value, bytes):
-        return varint(number << 3 | 2) + varint(len(value)) + value
-    return varint(number << 3) + varint(value)
-
-
 # A client response for www.example.test A as a newer sender writes it, with
 # policy (15, a nested message) and http_protocol (16) in the Message.
-NEWER_FRAME = field(1, b"newer-peer") + field(15, 1) + field(14, b"".join((
-    field(1, 6), field(2, 1), field(3, 1), field(4, bytes([192, 0, 2, 7])),
-    field(5, bytes([192, 0, 2, 53])), field(6, 40000), field(7, 53),
-    field(12, 1709622542), field(14, bytes.fromhex(
-        "12348180000100000000000003777777076578616d706c6504746573740000010001")),
-    field(15, field(1, b"rpz") + field(2, b"www.example.test.") + field(3, 1)),
-    field(16, 2))))
+NEWER_FRAME = bytes.fromhex(
+    "0a0a 6e657765722d70656572 7801"  # identity "newer-peer", type 1
+    "7261 0806 1001 1801 2204 c0000207 2a04 c0000235 30 c0b802 38 35"
+    "60 8e8a9baf06 7222 1234818000010000000000000377777707657861"  # response
+    "6d706c650474657374000001 0001 7a1a 0a03 72707a 1211 7777772e6578616d"
+    "706c652e746573742e 1801 8001 02")  # policy (15), http_protocol (16)
 
 
 def under(name, domain):
@@ -75,7 +62,20 @@ class Senders(harness.RelayTest):
 
     def agent(self, capture, *settings):
         return super().agent(capture.address, "batch-size=50", *settings,
-                             unix=self.socket_path)
+                             "listener unix " + self.socket_path)
+
+    def capture(self):
+        return peers.FstrmCapture(os.path.join(self.directory, "relayed.fstrm"))
+
+    def json_lines(self, path, count, *settings):
+        # The objects an agent writes to standard output as JSON lines for
+        # the records of path, once count have been sent.
+        with super().agent((harness.LOOPBACK, 9), "", "message-format json",
+                           *settings, command="run-stdout") as agent:
+            self.replay(path)
+            agent.wait_sent(count)
+            return [json.loads(line) for line in agent.log().splitlines()
+                    if line.startswith("{")]
 
     def test_file_senders_through_filters(self):
         # Load-generator records (read back by the dnstap tool) filtered by
@@ -84,15 +84,12 @@ class Senders(harness.RelayTest):
         # a frame with Message fields the agent does not use.
         harness.require("fstrm_capture", "dnstap")
         source, payloads = self.generate(COUNT, 16)
-        questions = []  # (name, type, id, client address, client port)
-        for record in peers.dnstap_objects(source):
-            message = record["message"]
-            questions.append(message["dns"][4:] + (
-                message["dns"][1], ipaddress.ip_address(
-                    message["query_address"]), message["query_port"]))
-        drop_list = os.path.join(self.directory, "drop.list")
-        with open(drop_list, "w") as handle:
-            handle.write("# noise\nExample.COM.\nshop.example\n")
+        questions = [  # (name, type, id, client address, client port)
+            m["dns"][4:] + (m["dns"][1], ipaddress.ip_address(
+                m["query_address"]), m["query_port"])
+            for m in (r["message"] for r in peers.dnstap_objects(source))]
+        drop_list = pathlib.Path(self.directory, "drop.list")
+        drop_list.write_text("# noise\nExample.COM.\nshop.example\n")
         dropped = [under(name, "example.com") or under(name, "shop.example")
                    for name, *_ in questions]
         expected = [p for p, drop, (_, qtype, *_) in
@@ -100,25 +97,23 @@ class Senders(harness.RelayTest):
                     if not drop and qtype != "PTR"]
         self.assertTrue(0 < len(expected) < COUNT)
         kind = ["-t", fstrm.CONTENT_TYPE.decode()]
-        sends = (["fstrm_replay"] + kind + ["-a", harness.LOOPBACK, "-p",
-                                            self.port],
+        sends = (["fstrm_replay", *kind, "-a", harness.LOOPBACK, "-p",
+                  self.port],
                  ["dnstap", "-T", "%s:%d" % (harness.LOOPBACK, self.port)],
-                 ["fstrm_replay"] + kind + ["-u", self.socket_path],
+                 ["fstrm_replay", *kind, "-u", self.socket_path],
                  ["dnstap", "-U", self.socket_path])
-        with peers.FstrmCapture() as capture:
-            with self.agent(capture, "filter-drop-domain-file " + drop_list,
-                            "filter-drop-type PTR") as agent:
-                for count, send in enumerate(sends, 1):
-                    harness.run_tool(send + ["-r", source])
-                    agent.wait_sent(count * len(expected))
-                newer = os.path.join(self.directory, "newer.fstrm")
-                with open(newer, "wb") as handle:
-                    handle.write(fstrm.control_frame(fstrm.START,
-                                                     fstrm.CONTENT_TYPE) +
-                                 fstrm.data_frame(NEWER_FRAME) +
-                                 fstrm.control_frame(fstrm.STOP))
-                harness.run_tool(sends[0] + ["-r", newer])
-                agent.wait_sent(len(sends) * len(expected) + 1)
+        newer = pathlib.Path(self.directory, "newer.fstrm")
+        newer.write_bytes(fstrm.control_frame(fstrm.START, fstrm.CONTENT_TYPE)
+                          + fstrm.data_frame(NEWER_FRAME) +
+                          fstrm.control_frame(fstrm.STOP))
+        with self.capture() as capture, \
+                self.agent(capture, "filter-drop-domain-file %s" % drop_list,
+                           "filter-drop-type PTR") as agent:
+            for count, send in enumerate(sends, 1):
+                harness.run_tool(send + ["-r", source])
+                agent.wait_sent(count * len(expected))
+            harness.run_tool(sends[0] + ["-r", newer])
+            agent.wait_sent(len(sends) * len(expected) + 1)
         self.assertEqual(capture.payloads,
                          expected * len(sends) + [NEWER_FRAME])
 
@@ -128,17 +123,12 @@ class Senders(harness.RelayTest):
             strict=False).network_address), port, txid)
             for drop, (_, _, txid, client, port) in zip(dropped, questions)
             if not drop and sampled_in(client.packed, port, txid, 3)]
-        with super().agent((harness.LOOPBACK, 9), "", "message-format json",
-                           "filter-drop-domain-file " + drop_list,
-                           "filter-sample-one-in 3",
-                           "filter-client-address truncate",
-                           command="run-stdout") as agent:
-            self.replay(source)
-            agent.wait_sent(len(expected))
-            lines = [json.loads(line) for line in agent.log().splitlines()
-                     if line.startswith("{")]
-        self.assertEqual([(line["data"]["client"], line["data"]["port"],
-                           line["data"]["txid"]) for line in lines], expected)
+        lines = self.json_lines(source, len(expected),
+                                "filter-drop-domain-file %s" % drop_list,
+                                "filter-sample-one-in 3",
+                                "filter-client-address truncate")
+        self.assertEqual([(d["client"], d["port"], d["txid"]) for d in
+                          (line["data"] for line in lines)], expected)
 
     def test_dns_servers(self):
         # Each server in turn while dig asks every query over UDP and TCP:
@@ -156,49 +146,41 @@ class Senders(harness.RelayTest):
             (peers.DnsServer("named", self.socket_path), lambda rd: (
                 "AUTH_QUERY", "CLIENT_RESPONSE" if rd else "AUTH_RESPONSE"),
              (True, False)))
-        relayed = os.path.join(self.directory, "relayed.fstrm")
         expected = []  # (identity, type, protocol, id, RD, status, answers)
-        with peers.FstrmCapture(relayed) as capture, \
-                self.agent(capture) as agent:
+        with self.capture() as capture, self.agent(capture) as agent:
             for server, kinds, recursion in servers:
                 with server as dns:
                     if dns.name == "unbound":
                         agent.wait_log("Receiver[")  # it connects at start
-                    for rd in recursion:
-                        for tcp in (False, True):
-                            for name, qtype, status, count in QUERIES:
-                                ident, *answer = peers.dig(dns.port, name,
-                                                           qtype, tcp, rd)
-                                self.assertEqual(answer, [status, count])
-                                expected += [
-                                    (dns.name + "-peer", kind,
-                                     ("UDP", "TCP")[tcp], ident, rd) + result
-                                    for kind, result in zip(kinds(rd), (
-                                        ("NOERROR", 0), (status, count)))]
+                    for rd, tcp, (name, qtype, status, count) in (
+                            (rd, tcp, query) for rd in recursion
+                            for tcp in (False, True) for query in QUERIES):
+                        ident, *answer = peers.dig(dns.port, name, qtype,
+                                                   tcp, rd)
+                        self.assertEqual(answer, [status, count])
+                        expected += [(dns.name + "-peer", kind,
+                                      ("UDP", "TCP")[tcp], ident, rd) + result
+                                     for kind, result in zip(kinds(rd), (
+                                         ("NOERROR", 0), (status, count)))]
                     agent.wait_sent(len(expected))
         got = []
-        for record in peers.dnstap_objects(relayed):
+        for record in peers.dnstap_objects(capture.output):
             message = record["message"]
-            status, ident, rd, answers = message["dns"][:4]
             got.append((record["identity"], message["type"],
-                        message["socket_protocol"], ident, rd, status,
-                        answers))
+                        message["socket_protocol"]) + message["dns"][1:3] +
+                       message["dns"][:1] + message["dns"][3:4])
             if message["type"] == "AUTH_RESPONSE" and \
                     record["identity"] == "named-peer":
                 self.assertEqual(message["query_zone"], peers.ZONE)
         self.assertCountEqual(got, expected)
 
         # The same records, sent again, as JSON lines.
-        with super().agent((harness.LOOPBACK, 9), "", "message-format json",
-                           command="run-stdout") as agent:
-            self.replay(relayed)
-            agent.wait_sent(len(expected))
-            lines = [json.loads(line) for line in agent.log().splitlines()
-                     if line.startswith('{"timestamp"')]
-        got = [(line["type"].upper().replace("-", "_"),) + tuple(
-            (data["proto"].upper(), data["txid"], data["flags"]["rd"],
-             data.get("rcode", "NOERROR"), len(data.get("answers", []))))
-            for line, data in ((line, line["data"]) for line in lines)]
+        got = [(line["type"].upper().replace("-", "_"), data["proto"].upper(),
+                data["txid"], data["flags"]["rd"], data.get("rcode", "NOERROR"),
+                len(data.get("answers", [])))
+               for line, data in ((line, line["data"]) for line in
+                                  self.json_lines(capture.output,
+                                                  len(expected)))]
         self.assertCountEqual(got, [row[1:] for row in expected])
 
 

@@ -6,7 +6,7 @@
 # have held the stop up for a whole read time-out, it stops within STOP_LIMIT
 # seconds with every queued event saved.
 
-import os
+import contextlib
 import socket
 import struct
 import threading
@@ -23,53 +23,47 @@ class Stop(harness.RelayTest):
 
     def setUp(self):
         super().setUp()
-        self.collector_port = harness.free_port()
+        self.collector = (harness.LOOPBACK, harness.free_port())
 
     def test_stop_during_a_burst_then_restart(self):
         path, payloads = self.generate(20000, 52)
-        with fstrm.Collector(self.collector_port, slow=4096) as collector, \
-                self.agent((harness.LOOPBACK, self.collector_port),
+        with fstrm.Collector(self.collector[1], slow=4096) as collector, \
+                self.agent(self.collector,
                            "batch-size=50 send-buffer-size=16384") as relay:
             self.replay(path)
             collector.wait_count(500)
             relay.stop()
-            saved = harness.queue_file_events(relay.path("message.queue"))
-            self.assertGreater(len(saved), 0)
+            self.assertGreater(len(self.queue_file_events(relay)), 0)
             relay.start()
             self.assertEqual(collector.wait_count(len(payloads), 60),
                              payloads)
 
     def test_stop_is_bounded_and_keeps_the_queue(self):
         tls_port = harness.free_port()
-        store = os.path.join(self.directory, "store")
-        os.mkdir(store)
         harness.run_tool([
             "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
             "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-            "/CN=localhost", "-keyout", os.path.join(store, "server.key"),
-            "-out", os.path.join(store, "server.pem")])
+            "/CN=localhost", "-keyout", self.directory + "/server.key",
+            "-out", self.directory + "/server.pem"])
         relay = self.agent(
-            (harness.LOOPBACK, self.collector_port),
-            "read-timeout=120 write-timeout=120",
+            self.collector, "read-timeout=120 write-timeout=120",
             "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
             "tls-certificate-subject=CN=localhost" % (
-                harness.LOOPBACK, tls_port, PATIENT, store), listener=PATIENT)
-        relay.ready_on.append(tls_port)
+                harness.LOOPBACK, tls_port, PATIENT, self.directory),
+            listener=PATIENT)
         stopping = threading.Event()
         self.addCleanup(stopping.set)
+
+        def drip(sender):
+            with contextlib.suppress(OSError):
+                while not stopping.wait(0.3):
+                    sender.sendall(b"x")
 
         def trickle():
             sender = self.enterContext(fstrm.Client(self.port))
             sender.open()
-            sender.sendall(struct.pack(">I", 1000) + b"x")
-
-            def drip():
-                while not stopping.wait(0.3):
-                    try:
-                        sender.sendall(b"x")
-                    except OSError:
-                        return
-            threading.Thread(target=drip, daemon=True).start()
+            sender.sendall(struct.pack(">I", 1000))
+            threading.Thread(target=drip, args=(sender,), daemon=True).start()
 
         path, payloads = self.generate(40, 23)
         # (peer, how it starts, the log line that shows it in place)
@@ -83,8 +77,8 @@ class Stop(harness.RelayTest):
              .sendall(b"\x16\x03\x01\x00\xc8\x01"),
              "Handling connection from"),
             # Accepted by the kernel, never read: the handshake waits.
-            ("deaf collector", lambda: self.enterContext(socket.create_server(
-                (harness.LOOPBACK, self.collector_port))), "]: Connected to"))
+            ("deaf collector", lambda: self.enterContext(
+                socket.create_server(self.collector)), "]: Connected to"))
         for name, start_peer, in_place in cases:
             with self.subTest(peer=name), relay:
                 self.replay(path)
@@ -98,9 +92,7 @@ class Stop(harness.RelayTest):
                 started = time.monotonic()
                 relay.stop()
                 self.assertLess(time.monotonic() - started, STOP_LIMIT)
-                self.assertEqual(harness.queue_file_events(
-                    relay.path("message.queue")), payloads)
-            stopping.set()
+                self.assertEqual(self.queue_file_events(relay), payloads)
 
 
 if __name__ == "__main__":
