@@ -1,10 +1,9 @@
-# Stopping the agent loses nothing: stopped in the middle of a burst, every
-# event is delivered or saved in its queue file, and the next run sends the
-# saved ones in order. Stopped under peers that never finish what they
-# started (a sender trickling a frame, a silent sender, a sender stalled in
-# its TLS handshake, a collector that does not read), each of which would once
-# have held the stop up for a whole read time-out, it stops within STOP_LIMIT
-# seconds with every queued event saved.
+# Stopping the agent loses nothing: stopped in the middle of a burst, every event is delivered or
+# saved in its queue file, and the next run sends the saved ones in order. Stopped under peers
+# that never finish what they started (a sender trickling a frame, a silent sender, a sender
+# stalled in its TLS handshake, a collector that does not read), each of which would once have
+# held the stop up for a whole read time-out, it stops within STOP_LIMIT seconds with every
+# queued event saved.
 
 import contextlib
 import socket
@@ -28,30 +27,24 @@ class Stop(harness.RelayTest):
     def test_stop_during_a_burst_then_restart(self):
         path, payloads = self.generate(20000, 52)
         with fstrm.Collector(self.collector[1], slow=4096) as collector, \
-                self.agent(self.collector,
-                           "batch-size=50 send-buffer-size=16384") as relay:
+                self.agent(self.collector, "batch-size=50 send-buffer-size=16384") as relay:
             self.replay(path)
             collector.wait_count(500)
             relay.stop()
             self.assertGreater(len(self.queue_file_events(relay)), 0)
             relay.start()
-            self.assertEqual(collector.wait_count(len(payloads), 60),
-                             payloads)
+            self.assertEqual(collector.wait_count(len(payloads), 60), payloads)
 
     def test_stop_is_bounded_and_keeps_the_queue(self):
-        tls_port = harness.free_port()
-        harness.run_tool([
-            "openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
-            "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
-            "/CN=localhost", "-keyout", self.directory + "/server.key",
-            "-out", self.directory + "/server.pem"])
-        relay = self.agent(
-            self.collector, "read-timeout=120 write-timeout=120",
-            "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
-            "tls-certificate-subject=CN=localhost" % (
-                harness.LOOPBACK, tls_port, PATIENT, self.directory),
-            listener=PATIENT)
-        stopping = threading.Event()
+        tls_port, stopping = harness.free_port(), threading.Event()
+        harness.run_tool(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt",
+                          "ec_paramgen_curve:prime256v1", "-nodes", "-days", "2", "-subj",
+                          "/CN=localhost", "-keyout", self.directory + "/server.key", "-out",
+                          self.directory + "/server.pem"])
+        relay = self.agent(self.collector, "read-timeout=120 write-timeout=120",
+                           "listener ipv4 %s %d %s tls=on tls-certificate-store=%s "
+                           "tls-certificate-subject=CN=localhost" %
+                           (harness.LOOPBACK, tls_port, PATIENT, self.directory), listener=PATIENT)
         self.addCleanup(stopping.set)
 
         def drip(sender):
@@ -69,22 +62,20 @@ class Stop(harness.RelayTest):
         # (peer, how it starts, the log line that shows it in place)
         cases = (
             ("trickling sender", trickle, "Handling connection from"),
-            ("silent sender", lambda: self.enterContext(
-                fstrm.Client(self.port)), "Handling connection from"),
+            ("silent sender", lambda: self.enterContext(fstrm.Client(self.port)),
+             "Handling connection from"),
             # A TLS record header announcing a ClientHello, then nothing.
-            ("stalled TLS sender", lambda: self.enterContext(
-                socket.create_connection((harness.LOOPBACK, tls_port)))
-             .sendall(b"\x16\x03\x01\x00\xc8\x01"),
+            ("stalled TLS sender", lambda: self.enterContext(socket.create_connection(
+                (harness.LOOPBACK, tls_port))).sendall(b"\x16\x03\x01\x00\xc8\x01"),
              "Handling connection from"),
             # Accepted by the kernel, never read: the handshake waits.
-            ("deaf collector", lambda: self.enterContext(
-                socket.create_server(self.collector)), "]: Connected to"))
+            ("deaf collector", lambda: self.enterContext(socket.create_server(self.collector)),
+             "]: Connected to"))
         for name, start_peer, in_place in cases:
             with self.subTest(peer=name), relay:
                 self.replay(path)
-                relay.wait_metrics(
-                    lambda m: m["queue"][0]["eventsQueued"] == len(payloads),
-                    "every event queued")
+                relay.wait_metrics(lambda m: m["queue"][0]["eventsQueued"] == len(payloads),
+                                   "every event queued")
                 before = relay.log().count(in_place)
                 start_peer()
                 relay.wait_log(in_place, before + 1)
