@@ -1,7 +1,9 @@
 # Processes for the end-to-end tests: peers, readiness read from /proc, and the agent.
 # VANTRELO_KEEP_PEERS=1 keeps the peers' directories and logs.
 
+import contextlib
 import os
+import pathlib
 import re
 import shutil
 import signal
@@ -19,20 +21,14 @@ LOOPBACK = "127.0.0.1"
 TIMEOUT = 15.0
 
 
-class PeerError(RuntimeError):
-    pass  # a peer program failed to start, answer or stop in time
-
-
 def free_port():
     # A loopback port free for TCP and UDP (the DNS servers need both).
     while True:
         with socket.socket() as tcp, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as udp:
             tcp.bind((LOOPBACK, 0))
-            try:
+            with contextlib.suppress(OSError):
                 udp.bind(tcp.getsockname())
                 return tcp.getsockname()[1]
-            except OSError:
-                pass
 
 
 def listening(where):
@@ -50,7 +46,7 @@ def wait_until(predicate, what, timeout=TIMEOUT, peer=None, interval=0.05):
     while not predicate():
         died = peer is not None and not peer.running()
         if died or time.monotonic() > deadline:
-            raise PeerError("%s before %s\n%s" % (
+            raise AssertionError("%s before %s\n%s" % (
                 "%s exited (code %s)" % (peer.name, peer.popen.poll()) if died else
                 "timed out after %.1f s" % timeout, what, peer.log()[-3000:] if peer else ""))
         time.sleep(interval)
@@ -61,8 +57,8 @@ def run_tool(argv):
     done = subprocess.run(argv, stdin=subprocess.DEVNULL, text=True, capture_output=True,
                           timeout=60)
     if done.returncode != 0:
-        raise PeerError("%s ended with code %d: %s%s" % (" ".join(argv), done.returncode,
-                                                         done.stdout, done.stderr))
+        raise AssertionError("%s ended with code %d: %s%s" % (" ".join(argv), done.returncode,
+                                                              done.stdout, done.stderr))
     return done.stdout
 
 
@@ -104,19 +100,14 @@ class Peer:
 
     def stop(self, signum=signal.SIGTERM):
         for kill in (signum, signal.SIGKILL) if self.popen else ():
-            try:
+            with contextlib.suppress(ProcessLookupError, subprocess.TimeoutExpired):
                 os.killpg(self.popen.pid, kill)
                 self.popen.wait(5)
-            except (ProcessLookupError, subprocess.TimeoutExpired):
-                pass
 
     def read(self, name):
         # A file of the peer's directory as text, "" while it is missing.
-        try:
-            with open(self.path(name), encoding="utf-8", errors="replace", newline="") as handle:
-                return handle.read()
-        except FileNotFoundError:
-            return ""
+        path = pathlib.Path(self.path(name))
+        return path.read_text("utf-8", "replace") if path.exists() else ""
 
     def log(self):
         return self.read(self.name + ".log")
@@ -168,8 +159,8 @@ class Agent(Peer):
             code = "a time-out"
         super().stop()
         if code != 0 or self.log().count("[INFO] Stopped\n") != stopped + 1:
-            raise PeerError("vantrelo ended with %s without logging Stopped:\n%s" %
-                            (code, self.log()[-3000:]))
+            raise AssertionError("vantrelo ended with %s without logging Stopped:\n%s" %
+                                 (code, self.log()[-3000:]))
 
     def wait_log(self, text, count=1):
         wait_until(lambda: self.log().count(text) >= count,

@@ -197,14 +197,11 @@ class PrometheusServer(Peer):
         self.target_port = target_port
 
     def start(self):
-        config = self.write("prometheus.yml", """global:
-  scrape_interval: 1s
-  scrape_timeout: 1s
-scrape_configs:
-  - job_name: vantrelo
-    static_configs:
-      - targets: ["%s:%d"]
-""" % (LOOPBACK, self.target_port))
+        # YAML takes JSON as it is.
+        config = self.write("prometheus.yml", json.dumps({
+            "global": {"scrape_interval": "1s", "scrape_timeout": "1s"},
+            "scrape_configs": [{"job_name": "vantrelo", "static_configs": [
+                {"targets": ["%s:%d" % (LOOPBACK, self.target_port)]}]}]}))
         self.spawn(["prometheus", "--config.file=" + config, "--storage.tsdb.path=" +
                     self.path("data"), "--web.listen-address=%s:%d" % self.address], [self.port])
 
