@@ -110,11 +110,8 @@ class Collector:
             return list(self._received)
 
     def wait_count(self, count, timeout=15.0):
-        deadline = time.monotonic() + timeout
-        while len(self.received()) < count and time.monotonic() < deadline:
-            time.sleep(0.05)
-        assert len(self.received()) >= count, "%d of %d frames came" % (len(self.received()),
-                                                                          count)
+        import harness  # which imports this module
+        harness.wait_until(lambda: len(self.received()) >= count, "%d frames" % count, timeout)
         return self.received()
 
     def _accept_loop(self):

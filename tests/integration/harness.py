@@ -190,11 +190,11 @@ class Agent(Peer):
 
 
 class RelayTest(unittest.TestCase):
-    # A temporary directory and a free listener port for each test.
+    # A temporary directory, a free listener port and a free collector address for each test.
 
     def setUp(self):
         self.directory = self.enterContext(tempfile.TemporaryDirectory(prefix="vt-test-"))
-        self.port = free_port()
+        self.port, self.collector = free_port(), (LOOPBACK, free_port())
         require("fstrm_replay")
 
     def generate(self, count, seed, *options):

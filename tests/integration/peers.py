@@ -33,11 +33,9 @@ class DnsServer(Peer):
         zone = self.write("zone.db", "$ORIGIN %s\n$TTL 300\n" % ZONE +
                           "".join("%s %s %s\n" % r for r in ZONE_RECORDS))
         config = self.write(self.name + ".conf", getattr(self, self.name + "_config")(zone))
-        argv, logged = {
-            "unbound": (["unbound", "-d", "-c", config], ""),
-            "knot": (["knotd", "-c", config], "[%s] loaded" % ZONE),
-            "named": (["named", "-g", "-n", "1", "-c", config], "running"),
-        }[self.name]
+        argv, logged = {"unbound": (["unbound", "-d", "-c", config], ""),
+                        "knot": (["knotd", "-c", config], "[%s] loaded" % ZONE),
+                        "named": (["named", "-g", "-n", "1", "-c", config], "running")}[self.name]
         self.spawn(argv, [self.port], logged)
 
     def unbound_config(self, _):

@@ -19,17 +19,10 @@ HARD_BOUND = 1.0
 
 class Forwarder(harness.RelayTest):
 
-    def setUp(self):
-        super().setUp()
-        self.collector_port = harness.free_port()
-
-    def agent(self, options="", *settings):
-        return super().agent((harness.LOOPBACK, self.collector_port), options, *settings)
-
     def test_a_lone_event_is_forwarded_at_once(self):
         _, payloads = self.generate(ROUNDS, 51)
-        with fstrm.Collector(self.collector_port) as collector, self.agent("batch-size=100"), \
-                fstrm.Client(self.port) as sender:
+        with fstrm.Collector(self.collector[1]) as collector, \
+                self.agent(self.collector, "batch-size=100"), fstrm.Client(self.port) as sender:
             sender.control(fstrm.START)
             delays = []
             for count, payload in enumerate(payloads, 1):
@@ -53,8 +46,8 @@ class Forwarder(harness.RelayTest):
         # (The forwarder's unit tests bound each mode's loss; bench/collector_reset.py compares
         # the modes.)
         sent = self.generate(60000, 13, *START)[1]
-        with fstrm.Collector(self.collector_port, 5000, 16384) as collector, \
-                self.agent("recovery=durable"):
+        with fstrm.Collector(self.collector[1], 5000, 16384) as collector, \
+                self.agent(self.collector, "recovery=durable"):
             self.loadgen("--tcp", "127.0.0.1:%d" % self.port, "--count", 60000, "--seed", 13,
                          *START)
             harness.wait_until(lambda: set(sent) <= set(collector.received()) |
@@ -66,7 +59,7 @@ class Forwarder(harness.RelayTest):
         # overwritten and counted, and the collector, once up, gets the newest in order when the
         # agent connects again after its pause (its first connect fails at start).
         path, payloads = self.generate(1000, 41)
-        with self.agent("", "message-queue-size 16000") as relay:
+        with self.agent(self.collector, "", "message-queue-size 16000") as relay:
             started = time.monotonic()
             self.replay(path)
             queued = relay.wait_metrics(lambda m: m["listener"][0]["accepts"] == 1 and
@@ -75,7 +68,7 @@ class Forwarder(harness.RelayTest):
             self.assertTrue(50 < queued < 150, queued)
             self.assertEqual(sum(m["queue"][0].get("eventsDropped", 0) for m in relay.metrics()),
                              1000 - queued)
-            with fstrm.Collector(self.collector_port) as collector:
+            with fstrm.Collector(self.collector[1]) as collector:
                 self.assertEqual(collector.wait_count(queued, RETRY_SECONDS + 20),
                                  payloads[-queued:])
                 self.assertGreater(time.monotonic() - started, RETRY_SECONDS - 3)

@@ -86,10 +86,6 @@ class SenderFaults(harness.RelayTest):
 
 class Stop(harness.RelayTest):
 
-    def setUp(self):
-        super().setUp()
-        self.collector = (harness.LOOPBACK, harness.free_port())
-
     def test_stop_during_a_burst_then_restart(self):
         path, payloads = self.generate(20000, 52)
         with fstrm.Collector(self.collector[1], slow=4096) as collector, \

@@ -41,7 +41,6 @@ def sampled_in(address, port, txid, one_in):
 
 
 class Senders(harness.RelayTest):
-    maxDiff = None
 
     def setUp(self):
         super().setUp()
