@@ -143,8 +143,7 @@ class Collector:
             elif frame[0] == "data":
                 with self._lock:
                     self._received.append(frame[1])
-                limit = None if limit is None else limit - 1
-                if limit == 0:
+                if limit is not None and (limit := limit - 1) == 0:
                     return self._reset(conn, buffer)
             elif frame[0] == READY:
                 conn.sendall(control_frame(ACCEPT, CONTENT_TYPE))

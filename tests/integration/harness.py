@@ -81,8 +81,7 @@ class Peer:
         return os.path.join(self.workdir, name)
 
     def write(self, name, text):
-        with open(self.path(name), "w") as handle:
-            handle.write(text)
+        pathlib.Path(self.path(name)).write_text(text)
         return self.path(name)
 
     def spawn(self, argv, ready_on, also_logged=""):
@@ -223,8 +222,7 @@ class RelayTest(unittest.TestCase):
     def queue_file_events(self, agent):
         # The events of the agent's queue file: magic, then per event its length, checksum and
         # bytes.
-        with open(agent.path("message.queue"), "rb") as handle:
-            data, events, offset = handle.read(), [], 4
+        data, events, offset = pathlib.Path(agent.path("message.queue")).read_bytes(), [], 4
         self.assertEqual(data[:4], b"sslz")
         while offset < len(data):
             length = struct.unpack_from(">I", data, offset)[0]

@@ -49,7 +49,6 @@ class DnsServer(Peer):
     directory: "{self.workdir}"
     pidfile: "{self.path('unbound.pid')}"
     use-syslog: no
-    module-config: "iterator"
     local-zone: "." refuse
     local-zone: "{ZONE}" static
 {data}dnstap:
@@ -79,7 +78,6 @@ mod-dnstap:
     log-responses: on
 template:
   - id: default
-    storage: "{self.workdir}"
     global-module: mod-dnstap/tap
 zone:
   - domain: {ZONE}
@@ -93,7 +91,6 @@ zone:
     listen-on port {self.port} {{ {LOOPBACK}; }};
     listen-on-v6 {{ none; }};
     recursion no;
-    dnssec-validation no;
     dnstap {{ client; auth; }};
     dnstap-output unix "{self.target}";
     dnstap-identity "named-peer";

@@ -15,7 +15,6 @@ import harness
 import peers
 
 COUNT = 400
-MASK = (1 << 64) - 1
 # (name, type, status, answer count), asked over UDP and TCP.
 QUERIES = (("www.example.test.", "A", "NOERROR", 1), ("www.example.test.", "AAAA", "NOERROR", 1),
            ("example.test.", "MX", "NOERROR", 1), ("nope.example.test.", "A", "NXDOMAIN", 0))
@@ -33,18 +32,15 @@ def sampled_in(address, port, txid, one_in):
     # (big-endian), then the 64-bit finaliser.
     h = 0xCBF29CE484222325
     for byte in address + bytes([port >> 8 & 255, port & 255, txid >> 8, txid & 255]):
-        h = ((h ^ byte) * 0x100000001B3) & MASK
+        h = ((h ^ byte) * 0x100000001B3) % (1 << 64)
     for multiplier in (0xFF51AFD7ED558CCD, 0xC4CEB9FE1A85EC53):
         h ^= h >> 33
-        h = (h * multiplier) & MASK
+        h = (h * multiplier) % (1 << 64)
     return (h ^ h >> 33) % one_in == 0
 
 
 class Senders(harness.RelayTest):
-
-    def setUp(self):
-        super().setUp()
-        self.socket_path = os.path.join(self.directory, "relay.sock")
+    socket_path = property(lambda self: os.path.join(self.directory, "relay.sock"))
 
     def agent(self, capture, *settings):
         return super().agent(capture.address, "batch-size=50", *settings,
