@@ -53,6 +53,7 @@ class Forwarder(harness.RelayTest):
             harness.wait_until(lambda: set(sent) <= set(collector.received()) |
                                set(collector.discarded), "every event at the collector", 60,
                                interval=1)
+            self.assertEqual(collector.connections, 2)
 
     def test_late_collector_gets_the_newest_events(self):
         # No collector while 1000 events arrive into room for about a tenth: the oldest are

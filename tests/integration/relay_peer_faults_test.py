@@ -36,9 +36,9 @@ class SenderFaults(harness.RelayTest):
 
     def test_bad_senders_end_alone(self):
         payloads = self.generate(200, 7)[1]
-        collector = self.enterContext(fstrm.Collector(harness.free_port()))
+        collector = self.enterContext(fstrm.Collector(self.collector[1]))
         relay = self.enterContext(self.agent(
-            collector.address, "batch-size=20", listener="max-connections=3 read-timeout=1 "
+            self.collector, "batch-size=20", listener="max-connections=3 read-timeout=1 "
             "keepalive=1 fstrm-data-frame-max-size=%d" % LIMIT))
         sent, stop = [], threading.Event()
 
@@ -81,7 +81,6 @@ class SenderFaults(harness.RelayTest):
         self.assertEqual(relay.wait_metrics(
             lambda m: m["listener"][0]["activeReceivers"] == 0, "every receiver finished",
             since=len(relay.metrics()))["listener"][0]["peakReceivers"], 3)
-
 
 
 class Stop(harness.RelayTest):
