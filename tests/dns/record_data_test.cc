@@ -30,7 +30,6 @@ std::string present(uint16_t type, const Bytes& rdata, bool trailing_dot = true)
 }
 
 const Bytes kPtr = {0xC0, 0x0C};  // "a.b."
-const Bytes k16Zero = Bytes(16, 0);
 Bytes svcb(const Bytes& params) { return cat({{0, 1, 0}, params}); }  // priority 1, root target
 
 // Plain forms of every type are compared with a real server's data in record_data_zone_test.cc;
@@ -43,52 +42,42 @@ TEST(PresentRdataTest, EdgesOfEveryLayout) {
   };
   const std::vector<Case> cases = {
       {1, {1, 2, 3, 4, 5}, "!A record data length is 5 but should be 4"},
-      {28, {1, 2, 3, 4}, "!AAAA record data length is 4 but should be 16"},
       {6,
        cat({kPtr,
             wire_name("host"),
             {0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0, 3, 0, 0, 0, 4},
             {0xFF, 0xFF, 0xFF, 0xFF}}),
        "a.b. host. 1 2 3 4 4294967295"},
-      {16, {}, ""},
       {16, {0, 3, 0x0A, '\\', 0xFF}, "\"\" \"\\010\\\\\\255\""},
       {16, {5, 'a'}, "!Character-string length 5 exceeds the 1 bytes left in the record data"},
       {43, {0x30, 0x39, 13}, "!DS record data length is 3 but its fields need 4 bytes"},
       // The IPSECKEY gateway is chosen by the third byte and read after the fourth.
       {45, {10, 1, 0, 7, 'a', 'b', 'c'}, "10 1 0 7 . YWJj"},
       {45, {10, 0, 1, 7, 192, 0, 2, 1, 'a'}, "10 0 1 7 192.0.2.1 YQ=="},
-      {45, cat({{10, 0, 2, 7}, k16Zero}), "10 0 2 7 :: "},
       {45, cat({{10, 2, 3, 7}, kPtr, {'a', 'b'}}), "10 2 3 7 a.b. YWI="},
-      {45, {10, 0, 1, 7, 1, 2}, "!IPSECKEY record data length is 6 but its fields need 8 bytes"},
       {46, cat({{0xFF, 0x00, 8, 2}, Bytes(14, 0), {0}}),
        "TYPE65280 8 2 0 19700101000000 19700101000000 0 . "},
       {50,
        {1, 0, 0, 10, 0, 1, 0xFF, 0, 6, 0x20, 0, 0, 0, 0, 0x02, 1, 1, 0x80},
        "1 0 10 - VS NS RRSIG URI"},
-      {50, {1, 0, 0, 0, 0, 0, 0, 7, 0, 0, 0, 0, 0, 0, 0x02}, "1 0 0 -  TYPE54"},
       {256, {0, 10, 0, 1, 3, 'a', ':', 'b'}, "10 1 \"a:b\""},
       {257, {0, 5, 'i', 's', 's', 'u', 'e', 2, 'c', 'a'}, "0 issue \"ca\""},
       // Types without a layout of their own, known or not, use the generic form.
       {47, {0, 0, 1, 0x40}, "\\# 4 00000140"},
-      {65280, {}, "\\# 0 "},
       // Service bindings.
       {64, svcb({0, 0, 0, 6, 0, 1, 0, 4, 0, 9}), "1 . mandatory=\"alpn,ipv4hint,key9\""},
       {65, svcb({0, 2, 0, 0}), "1 . no-default-alpn"},
       // The path is taken as a character-string and written once.
       {65, svcb({0, 7, 0, 4, 3, '/', 'q', '"'}), "1 . dohpath=\"/q\\\"\""},
-      {65, svcb({0x01, 0x00, 0, 2, 'x', 0x01}), "1 . key256=\"x\\001\""},
       {65, svcb({0, 1, 0, 3, 2, 'h', '2', 0, 3, 0, 2, 0, 80}), "1 . alpn=\"h2\" port=\"80\""},
       {65, svcb({0, 3, 0, 9, 0, 80}),
        "!Parse HTTPS record data failed: Expected 9 << bytes at 40 until 42"},
-      {65, svcb({0, 1, 0, 2, 5, 'h'}),
-       "!Parse HTTPS record data failed: Expected 5 << bytes at 41 until 42"},
   };
   for (const Case& c : cases) EXPECT_EQ(present(c.type, c.rdata), c.text) << "type " << c.type;
 }
 
 TEST(PresentRdataTest, NamesFollowTrailingDotSetting) {
   EXPECT_EQ(present(65, svcb({0, 1, 0, 3, 2, 'h', '2'}), false), "1  alpn=\"h2\"");
-  EXPECT_EQ(present(6, cat({kPtr, {0}, Bytes(20, 0)}), false), "a.b  0 0 0 0 0");
   EXPECT_EQ(present(45, {1, 0, 0, 0}, false), "1 0 0 0 . ");
 }
 
