@@ -1,5 +1,5 @@
 # Misbehaving peers. Senders against the listener: one connection too many, a stall, garbage, an
-# oversized frame, a close mid-frame; each bad connection ends alone with its own error line and
+# oversized frame, a wrong control frame, a close mid-frame; each bad connection ends alone with its own error line and
 # a good sender loses nothing. Stopping the agent loses nothing: stopped in the middle of a burst,
 # every event is delivered or saved in its queue file, and the next run sends the saved ones in
 # order. Stopped under peers that never finish what they started (a sender trickling a frame, a
@@ -28,6 +28,8 @@ BAD_SENDERS = (
      "Expected control message preamble of 0 but got "),
     ("oversized frame", lambda s: (s.open(), s.send([b"x" * (LIMIT + 1)])), True,
      "Data frame length %d is larger than the configured limit" % (LIMIT + 1)),
+    ("READY instead of STOP", lambda s: (s.open(), s.control(fstrm.READY)), True,
+     "Unexpected control message type 4"),
     ("closed mid-frame", lambda s: (s.open(), s.sendall(struct.pack(">I", 100) + b"y" * 50)),
      False, "recv() failed: socket closed"))
 

@@ -142,9 +142,9 @@ TEST(ForwarderTest, SkipsBrokenEventsAndWritesEachFormatToStandardOutput) {
 
 // The collector reads the first batch and hangs up. The next batch may still be taken by the
 // system (the collector never sees it); a later one fails, and what comes back into the queue
-// is what the recovery mode promises. (relay_forwarder_test.py repeats the loss bounds
-// against a real agent; the order of the returned batches and the immediate reconnection are
-// checked only here.)
+// is what the recovery mode promises. (relay_forwarder_test.py checks durable against a real
+// agent at full speed; the other modes' bounds, the order of the returned batches and the
+// immediate reconnection are checked only here.)
 TEST(ForwarderTest, RecoveryModesBoundWhatABrokenConnectionLoses) {
   constexpr uint32_t kBatch = 5;
   const struct {

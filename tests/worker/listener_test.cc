@@ -65,7 +65,7 @@ TEST(ListenerTest, RelaysFramesFromBothKindsOfSender) {
 }
 
 // Many short connections, half of them hung up at once: every receiver is reaped and its thread
-// ends. (Refusals beyond max-connections are relay_sender_faults_test.py's.)
+// ends. (Refusals beyond max-connections are relay_peer_faults_test.py's.)
 TEST(ListenerTest, ShortConnectionsLeaveNothingBehind) {
   LogRecorder log;  // keeps the thousands of lines off the console
   RunningListener running(loopbackListener());

@@ -77,50 +77,38 @@ TEST(ForwarderSettingsTest, TargetsAndOptions) {
                             true, "certs", "00ff"));
 }
 
+// One row per message a user can see; an option whose value is out of range or not understood
+// is named in "Invalid <option> option".
 TEST(ForwarderSettingsTest, Errors) {
   const std::pair<const char*, const char*> cases[] = {
-      {"etw", "Invalid protocol"},
       {"unix /tmp/s", "Invalid protocol"},
       {"ipv4", "Invalid host"},
-      {"ipv4 h 65536", "Invalid port"},
-      {"ipv4 h port", "Invalid port"},
-      {"ipv4 h 1 batch-size", "Invalid parameter 'batch-size'"},
-      {"ipv4 h 1 keepalive=5", "Unknown parameter 'keepalive'"},
-      {"ipv4 h 1 tls-server-name=x", "Unknown parameter 'tls-server-name'"},
-      {"kafka", "Invalid host"},
       {"kafka b:1,,c:2 topic=t", "Invalid host"},
-      {"kafka :9092 topic=t", "Invalid host"},
       {"kafka broker topic=t", "Invalid host"},
-      {"kafka b:0 topic=t", "Invalid port"},
+      {"ipv4 h 65536", "Invalid port"},
       {"kafka b:9x topic=t", "Invalid port"},
+      {"ipv4 h 1 batch-size", "Invalid parameter 'batch-size'"},
+      {"ipv4 h 1 tls-server-name=x", "Unknown parameter 'tls-server-name'"},
       {"kafka b:1", "Missing topic option"},
-      {"kafka b:1 topic", "Invalid parameter 'topic'"},
       {"kafka b:1 topic=t connect-timeout=3", "Unknown parameter 'connect-timeout'"},
-      {"kafka b:1 topic=t tls-validate-server-name=x",
-       "Unknown parameter 'tls-validate-server-name'"},
       {"ipv4 h 1 topic=t", "Unknown parameter 'topic'"},
   };
   for (const auto& [value, message] : cases)
     EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse, value), message) << value;
-  // A value out of range or not understood names its option.
   for (const std::string value :
-       {"ipv4 h 1 connect-timeout=0", "ipv4 h 1 connect-timeout=121", "ipv4 h 1 write-timeout=-3",
-        "ipv4 h 1 recv-buffer-size=no", "ipv4 h 1 batch-size=0", "ipv4 h 1 recovery=Durable",
-        "ipv4 h 1 fstrm-mode=both", "ipv4 h 1 tls-client-certificate=off"}) {
+       {"ipv4 h 1 connect-timeout=121", "ipv4 h 1 write-timeout=-3", "ipv4 h 1 recv-buffer-size=no",
+        "ipv4 h 1 batch-size=0", "ipv4 h 1 recovery=Durable", "ipv4 h 1 fstrm-mode=both",
+        "ipv4 h 1 tls-client-certificate=off", "kafka b:1 topic=t topic=a/b",
+        "kafka b:1 topic=t key=server", "kafka b:1 topic=t compression=brotli",
+        "kafka b:1 topic=t acks=ALL", "kafka b:1 topic=t delivery-timeout=3601"}) {
     const std::string option = value.substr(value.rfind(' ') + 1);
     EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse, value),
               "Invalid " + option.substr(0, option.find('=')) + " option")
         << value;
   }
-  for (const std::string& option : std::initializer_list<std::string>{
-           "topic=a/b", "topic=..", "key=server", "compression=brotli", "acks=ALL",
-           "delivery-timeout=3601", "recovery=later",
-           std::string("topic=") + std::string(250, 'x')}) {
-    EXPECT_EQ(
-        parseError<forwarder::ForwarderError>(forwarder::parse, "kafka b:1 topic=t " + option),
-        "Invalid " + option.substr(0, option.find('=')) + " option")
-        << option.substr(0, 30);
-  }
+  EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse,
+                                                  "kafka b:1 topic=" + std::string(250, 'x')),
+            "Invalid topic option");
 }
 
 TEST(ListenerSettingsTest, SocketListeners) {
@@ -186,23 +174,17 @@ TEST(ListenerSettingsTest, EtwListeners) {
 TEST(ListenerSettingsTest, Errors) {
   const std::pair<const char*, const char*> cases[] = {
       {"", "Invalid protocol"},
-      {"ipv4", "Invalid host"},
       {"ipv4 h", "Invalid port"},
       {"unix", "Invalid path"},
-      {"ipv4 h 1 tls", "Invalid parameter 'tls'"},
       {"ipv4 h 1 tls-server-name=\"open", "Invalid parameter 'tls-server-name'"},
-      {"ipv4 h 1 connect-timeout=3", "Unknown parameter 'connect-timeout'"},
-      {"etw keepalive", "Invalid parameter 'keepalive'"},
       {"unix p tls=on", "Unknown parameter 'tls'"},
   };
   for (const auto& [value, message] : cases)
     EXPECT_EQ(parseError<listener::ListenerError>(listener::parse, value), message) << value;
-  // A value out of range or not understood names its option.
   for (const std::string value :
-       {"ipv4 h 1 read-timeout=121", "ipv4 h 1 read-timeout=0", "ipv4 h 1 keepalive=-1",
-        "ipv4 h 1 max-connections=0", "unix p fstrm-data-frame-max-size=0", "ipv4 h 1 tls=ON",
-        "etw client-query=1", "etw resolver-response=Off", "etw dnstap-identity=hostname",
-        "etw dnstap-version=Vantrelo"}) {
+       {"ipv4 h 1 read-timeout=121", "ipv4 h 1 keepalive=-1", "ipv4 h 1 max-connections=0",
+        "unix p fstrm-data-frame-max-size=0", "ipv4 h 1 tls=ON", "etw resolver-response=Off",
+        "etw dnstap-identity=hostname", "etw dnstap-version=Vantrelo"}) {
     const std::string option = value.substr(value.rfind(' ') + 1);
     EXPECT_EQ(parseError<listener::ListenerError>(listener::parse, value),
               "Invalid " + option.substr(0, option.find('=')) + " option")
