@@ -1,11 +1,11 @@
 # Misbehaving peers. Senders against the listener: one connection too many, a stall, garbage, an
 # oversized frame, a wrong control frame, a close mid-frame; each bad connection ends alone with
-# its own error line and # a good sender loses nothing. Stopping the agent loses nothing: stopped in the middle of a burst,
-# every event is delivered or saved in its queue file, and the next run sends the saved ones in
-# order. Stopped under peers that never finish what they started (a sender trickling a frame, a
-# silent sender, a sender stalled in its TLS handshake, a collector that does not read), each of
-# which would once have held the stop up for a whole read time-out, it stops within STOP_LIMIT
-# seconds with every queued event saved.
+# its own error line and a good sender loses nothing. Stopping the agent loses nothing: stopped
+# in the middle of a burst, every event is delivered or saved in its queue file, and the next run
+# sends the saved ones in order. Stopped under peers that never finish what they started (a
+# sender trickling a frame, a silent sender, a sender stalled in its TLS handshake, a collector
+# that does not read), each of which would once have held the stop up for a whole read
+# time-out, it stops within STOP_LIMIT seconds with every queued event saved.
 
 import concurrent.futures
 import contextlib
