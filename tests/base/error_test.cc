@@ -5,8 +5,6 @@
 #include <cerrno>
 #include <cstring>
 #include <string>
-#include <thread>
-#include <vector>
 
 #ifdef _WIN32
 #include <windows.h>
@@ -41,21 +39,6 @@ TEST(ErrorTextTest, SystemCodes) {
   for (const int code : {ENOENT, EACCES, ENOSPC}) {
     EXPECT_EQ(cErrorText(static_cast<uint32_t>(code)), std::strerror(code));
   }
-}
-
-TEST(ErrorTextTest, ThreadsDoNotShareABuffer) {
-  // Two threads asking for different texts at once each get their own, whole.
-  const uint32_t codes[] = {static_cast<uint32_t>(ENOENT), static_cast<uint32_t>(EACCES)};
-  const std::string expected[] = {systemErrorText(codes[0]), systemErrorText(codes[1])};
-  std::vector<std::thread> threads;
-  std::vector<int> mismatches(2, 0);
-  for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&, t] {
-      for (int i = 0; i < 2000; ++i) mismatches[t] += systemErrorText(codes[t]) != expected[t];
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(mismatches, std::vector<int>(2, 0));
 }
 
 }  // namespace

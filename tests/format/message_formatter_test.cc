@@ -245,9 +245,6 @@ TEST(MessageFormatterTest, MakeViewDropsAndFailures) {
   badBothAddresses.response_address = "123";  // the response address is checked first
   const std::vector<std::pair<DnstapMessage, std::string>> failures = {
       {valid(5, 0, 0), "Expected message query_time_sec not to be 0 but got 0"},
-      {valid(6, 0, 0), "Expected message response_time_sec not to be 0 but got 0"},
-      {valid(5, testing::kSec, 1000000000),
-       "Expected message query_time_nsec to be less than 1000000000 but got 1000000000"},
       {valid(6, testing::kSec, 4294967295u),
        "Expected message response_time_nsec to be less than 1000000000 but got 4294967295"},
       {badQueryAddress, "Expected message query_address to be 0, 4 or 16 bytes but got 5"},

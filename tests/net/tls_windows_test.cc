@@ -1,8 +1,9 @@
-// TlsSocket on Schannel, run under wine or on Windows. PeerHarnessTest needs what
-// tls_windows_peer.py provides on 127.0.0.1: an `openssl s_server -rev` at VANTRELO_TLS_PEER_PORT,
-// another that asks for an optional client certificate at VANTRELO_TLS_ASK_PORT, an `openssl
-// s_server` at VANTRELO_TLS_SINK_PORT that logs what it receives to
-// VANTRELO_TLS_SINK_LOG.
+// TlsSocket on Schannel against real peers, run under wine or on Windows (skipped without the
+// peers). It needs what tls_windows_peer.py provides on 127.0.0.1: an `openssl s_server -rev` at
+// VANTRELO_TLS_PEER_PORT, another that asks for an optional client certificate at
+// VANTRELO_TLS_ASK_PORT, an `openssl s_server` at VANTRELO_TLS_SINK_PORT that logs what it
+// receives to VANTRELO_TLS_SINK_LOG. (Pre-handshake use and failed certificate lookups are the
+// POSIX TLS test's and the system certificate test's.)
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -17,47 +18,20 @@ namespace {
 
 using namespace testing;
 
-TlsSettings enabledSettings(bool server, const std::string& subject = "") {
+// A client that does not validate: the wine trust store does not hold the peers' certificate.
+TlsSettings clientSettings() {
   TlsSettings settings;
-  settings.server_role = server;
   settings.enabled = true;
-  settings.validate = false;  // a server asks no client certificate; see PeerSession
+  settings.validate = false;
   settings.server_name = "localhost";
-  settings.store = "MY";
-  settings.subject = subject;
   return settings;
 }
 
-// Nothing moves before the handshake, and a failed certificate lookup (the lookups themselves
-// are the system certificate tests') ends either role's handshake before anything is sent. A
-// store that does not exist fails the lookup on any machine, a fresh wine prefix included (it
-// has no local machine MY store until one is made).
-TEST(TlsWindowsTest, NothingIsSentBeforeOrByAFailedHandshake) {
-  for (bool server : {true, false}) {
-    LoopbackPair pair;
-    TlsSettings settings = enabledSettings(server, "CN=vantrelo-no-such-subject");
-    settings.store = "vantrelo-no-such-store";
-    settings.client_certificate = !server;  // "manual": the client looks its certificate up
-    TlsSocket tls("lookup", settings, server ? *pair.server : *pair.client);
-    char byte = 'x';
-    EXPECT_EQ(errorOf([&] { tls.write(&byte, 1); }), "TLS handshake not complete");
-    EXPECT_EQ(errorOf([&] { tls.read(&byte, 1); }), "TLS handshake not complete");
-    EXPECT_FALSE(tls.hasBufferedData());
-    tls.shutdown();  // nothing to close: no alert, no exception
-    const std::string error = errorOf([&] { tls.handshake(); });
-    EXPECT_EQ(
-        error.rfind("TLS handshake failed: CertOpenStore(vantrelo-no-such-store) failed: ", 0), 0u)
-        << server << " " << error;
-    EXPECT_EQ((server ? *pair.client : *pair.server).bytesAvailable(), 0u);
-  }
-}
-
-// A client session with one of the harness's s_server peers, its certificate not validated: the
-// wine trust store does not hold it.
+// A client session with one of the harness's s_server peers.
 struct PeerSession {
   PeerSession(uint32_t id, const char* port)
       : socket(id, loopbackSettings(static_cast<uint16_t>(std::atoi(port)), 3)),
-        tls(id, enabledSettings(false), socket) {
+        tls(id, clientSettings(), socket) {
     connectWithRetry(socket);  // s_server may still be starting
     tls.handshake();
   }
@@ -69,7 +43,7 @@ struct PeerSession {
 // The second peer asks for a client certificate without requiring one (`s_server -verify`): the
 // session goes on without one. Windows' Schannel first reports the certificate missing and is
 // asked again to go on without; wine's goes on by itself.
-TEST(PeerHarnessTest, LinesComeBackReversedThenTheCloseAlert) {
+TEST(TlsWindowsTest, LinesComeBackReversedThenTheCloseAlert) {
   for (const char* variable : {"VANTRELO_TLS_PEER_PORT", "VANTRELO_TLS_ASK_PORT"}) {
     SCOPED_TRACE(variable);
     const char* port = std::getenv(variable);
@@ -102,7 +76,7 @@ TEST(PeerHarnessTest, LinesComeBackReversedThenTheCloseAlert) {
 }
 
 // The other s_server writes what it receives to its log.
-TEST(PeerHarnessTest, LargeWriteArrivesWholeInSeveralRecords) {
+TEST(TlsWindowsTest, LargeWriteArrivesWholeInSeveralRecords) {
   const char* port = std::getenv("VANTRELO_TLS_SINK_PORT");
   if (port == nullptr) GTEST_SKIP() << "no TLS sink (run through tls_windows_peer.py)";
   std::string message = "<<BULK\n";
