@@ -208,7 +208,6 @@ TEST(EventDecoder, MalformedEventsAndOddValues) {
       {261, kR2, v, 0, {kCount, 13},
        few + "14 properties for event type 260 on Windows 2012R2 but got 13"},
       {256, k19, v, 0, {kInTypeUint32, 1}, e + "0 to be a uint8_t but got 8"},
-      {256, k19, v, 0, {kInTypeUint8, 2}, e + "0 to be length 1 but got 2"},
       {256, k19, v, 1, {kInTypeUnicodeString, 0}, e + "1 to be a unicode string but got 1"},
       {256, k19, v, 10, {kInTypeAnsiString, 0}, e + "10 to be binary data but got 2"},
       // The binary property's declared length is not the message's length: not checked.
@@ -220,12 +219,9 @@ TEST(EventDecoder, MalformedEventsAndOddValues) {
       // A dual-stack server: the family follows the client.
       {257, k22, {.local = "2001:db8::53", .remote = "192.0.2.7", .port = 1}, 0, {kIntact, 0},
        "1/1 192.0.2.7:1>2001:db8::53:0"},
-      {257, k22, {.remote = "::ffff:192.0.2.7", .port = 65535}, 0, {kIntact, 0},
-       "2/1 ::ffff:c000:207:65535>192.0.2.53:0"},
       {257, k22, {.port = 65536}, 0, {kIntact, 0}, "Client port 65536 is larger than 65535"},
       {257, k22, {.local = "dns1.example"}, 0, {kIntact, 0},
-       "Parse IP address dns1.example failed: Invalid IP address"},
-      {257, k22, {.remote = ""}, 0, {kIntact, 0}, "Parse IP address  failed: Invalid IP address"}};
+       "Parse IP address dns1.example failed: Invalid IP address"}};
   // clang-format on
   for (const Case& c : cases) {
     Decoder d(allOn(c.version));

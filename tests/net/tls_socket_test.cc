@@ -25,14 +25,14 @@ void run(const std::string& command) {
       << command;
 }
 
-// A key and a certificate signed by `ca` (none: by itself), valid from now for `days` (negative:
-// already expired); also both in one file, name-key.pem.
+// A key and a certificate signed by `ca` (none: by itself), valid from now for two days; also
+// both in one file, name-key.pem.
 void makeCertificate(const std::string& name, const std::string& subject, const std::string& ca,
-                     const std::string& extensions, int days = 2) {
+                     const std::string& extensions) {
   std::ofstream(dir + "/" + name + ".ext") << extensions << "\n";
   run("openssl req -new -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -keyout " + name +
       ".key -out " + name + ".csr -subj '" + subject + "' && openssl x509 -req -in " + name +
-      ".csr -days " + std::to_string(days) + " -out " + name + ".pem -extfile " + name + ".ext " +
+      ".csr -days 2 -out " + name + ".pem -extfile " + name + ".ext " +
       (ca.empty() ? "-signkey " + name + ".key"
                   : "-CA " + ca + ".pem -CAkey " + ca + ".key -CAcreateserial") +
       " && cat " + name + ".pem " + name + ".key >" + name + "-key.pem");
@@ -48,7 +48,6 @@ class TlsSocketTest : public ::testing::Test {
     makeCertificate("client", "/O=Vantrelo Test/CN=client one", "ca",
                     "extendedKeyUsage=clientAuth");
     makeCertificate("stranger", "/CN=localhost", "", "subjectAltName=DNS:localhost");
-    makeCertificate("expired", "/CN=localhost", "ca", "subjectAltName=DNS:localhost", -1);
     // Stores trust the test CA; a key sits inside its certificate's file or beside it.
     run("mkdir server client empty && cp ca.pem server.pem server.key server/ && "
         "cp ca.pem server.pem empty/ && cp ca.pem client/ && cp client.pem client/b-client.crt && "
@@ -74,7 +73,7 @@ class TlsSocketTest : public ::testing::Test {
 // Both ends are TlsSockets on one loopback connection. The thumbprint is upper case and without
 // colons: the form the Windows certificate manager shows.
 TEST_F(TlsSocketTest, StoreLookupsClientCertificatesAndData) {
-  const std::string prefix = "TLS handshake failed: ", absent(40, 'a');
+  const std::string prefix = "TLS handshake failed: ";
   enum { kNone, kManual, kAutomatic };  // the client's certificate; the server then requires one
   const struct {
     std::string store, subject, thumbprint;
@@ -87,8 +86,6 @@ TEST_F(TlsSocketTest, StoreLookupsClientCertificatesAndData) {
       {"server", "localhost", "", kAutomatic, kOk},
       {"server", "CN=nobody", "", kNone,
        prefix + "Certficate with subject 'CN=nobody' not found in store "},
-      {"server", "", absent, kNone,
-       prefix + "Certficate with thumbprint '" + absent + "' not found in store "},
       {"server", "", "12zz", kNone, prefix + "Parse certficate thumbprint '12zz' failed: "},
       {"missing", "localhost", "", kNone, prefix + "CertOpenSystemStore("},
       {"empty", "localhost", "", kNone,
@@ -153,7 +150,6 @@ TEST_F(TlsSocketTest, ClientValidatesRealServers) {
       {"server", "127.0.0.1", true, ""},
       {"server", "example.org", true, "hostname mismatch"},
       {"stranger", "localhost", true, "self-signed certificate"},
-      {"expired", "localhost", true, "certificate has expired"},
       {"stranger", "localhost", false, ""},
   };
   for (const auto& c : cases) {
