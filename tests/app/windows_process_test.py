@@ -13,13 +13,16 @@ import os
 import re
 import shutil
 import signal
-import socket
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
+
+# The Frame Streams client and the free-port helper of the end-to-end tests.
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "integration"))
+import fstrm  # noqa: E402
+import harness  # noqa: E402
 
 PREFIX = PROGRAM = None
 # One dnstap frame: a client's A query for host7.example.com from 192.0.2.7#53124 to 192.0.2.53
@@ -128,23 +131,11 @@ class ServiceTest(unittest.TestCase):
             self.sc("delete", "vt-bad")
 
 
-def control(kind, content_type=True):
-    body = struct.pack(">I", kind) + (struct.pack(">II", 1, 22) + b"protobuf:dnstap.Dnstap"
-                                      if content_type else b"")
-    return struct.pack(">II", 0, len(body)) + body
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 class RelayTest(unittest.TestCase):
     # run-stdout under wine relays what a Linux sender delivers over Frame Streams.
 
     def test_run_stdout_prints_every_relayed_event(self):
-        port = free_port()
+        port = harness.free_port()
         with tempfile.TemporaryDirectory() as directory:
             config = os.path.join(directory, "relay.conf")
             with open(config, "w") as f:
@@ -157,19 +148,16 @@ class RelayTest(unittest.TestCase):
                 deadline = time.time() + 60
                 while True:
                     try:
-                        sender = socket.create_connection(("127.0.0.1", port), timeout=5)
+                        sender = fstrm.Client(port)
                         break
                     except OSError:
                         if time.time() > deadline or agent.poll() is not None:
                             raise
                         time.sleep(0.2)
-                with sender:
-                    sender.sendall(control(4))  # READY
-                    self.assertEqual(sender.recv(64)[8:12], struct.pack(">I", 1))  # ACCEPT
-                    # STOP's leading zero word is the zero length that ends the data.
-                    sender.sendall(control(2) + (struct.pack(">I", len(CLIENT_QUERY)) +
-                                                 CLIENT_QUERY) * 20 + control(3, False))
-                    self.assertEqual(sender.recv(64), control(5, False))  # FINISH
+                with sender:  # the whole bidirectional handshake, answered
+                    sender.open()
+                    sender.send([CLIENT_QUERY] * 20)
+                    sender.control(fstrm.STOP, fstrm.FINISH)
                 lines, deadline = [], time.time() + 30
                 while len(lines) < 20 and time.time() < deadline:
                     line = agent.stdout.readline().decode("utf-8", "replace")
