@@ -24,6 +24,18 @@ std::string parseError(Parse parse, const std::string& value) {
   return "(accepted)";
 }
 
+// Each value ends in an option whose value is out of range or not understood, and the error
+// names that option.
+template <typename Error, typename Parse>
+void expectInvalidOption(Parse parse, std::initializer_list<std::string> values) {
+  for (const std::string& value : values) {
+    const std::string option = value.substr(value.rfind(' ') + 1);
+    EXPECT_EQ(parseError<Error>(parse, value),
+              "Invalid " + option.substr(0, option.find('=')) + " option")
+        << value;
+  }
+}
+
 TEST(ForwarderSettingsTest, TargetsAndOptions) {
   // The host is lower-cased and names the server a validating TLS client expects.
   forwarder::ForwarderSettings s = forwarder::parse("ipv4 Collector.Example 6000");
@@ -77,8 +89,7 @@ TEST(ForwarderSettingsTest, TargetsAndOptions) {
                             true, "certs", "00ff"));
 }
 
-// One row per message a user can see; an option whose value is out of range or not understood
-// is named in "Invalid <option> option".
+// One row per message a user can see.
 TEST(ForwarderSettingsTest, Errors) {
   const std::pair<const char*, const char*> cases[] = {
       {"unix /tmp/s", "Invalid protocol"},
@@ -95,20 +106,14 @@ TEST(ForwarderSettingsTest, Errors) {
   };
   for (const auto& [value, message] : cases)
     EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse, value), message) << value;
-  for (const std::string value :
-       {"ipv4 h 1 connect-timeout=121", "ipv4 h 1 write-timeout=-3", "ipv4 h 1 recv-buffer-size=no",
-        "ipv4 h 1 batch-size=0", "ipv4 h 1 recovery=Durable", "ipv4 h 1 fstrm-mode=both",
-        "ipv4 h 1 tls-client-certificate=off", "kafka b:1 topic=t topic=a/b",
-        "kafka b:1 topic=t key=server", "kafka b:1 topic=t compression=brotli",
-        "kafka b:1 topic=t acks=ALL", "kafka b:1 topic=t delivery-timeout=3601"}) {
-    const std::string option = value.substr(value.rfind(' ') + 1);
-    EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse, value),
-              "Invalid " + option.substr(0, option.find('=')) + " option")
-        << value;
-  }
-  EXPECT_EQ(parseError<forwarder::ForwarderError>(forwarder::parse,
-                                                  "kafka b:1 topic=" + std::string(250, 'x')),
-            "Invalid topic option");
+  expectInvalidOption<forwarder::ForwarderError>(
+      forwarder::parse,
+      {"ipv4 h 1 connect-timeout=121", "ipv4 h 1 write-timeout=-3", "ipv4 h 1 recv-buffer-size=no",
+       "ipv4 h 1 batch-size=0", "ipv4 h 1 recovery=Durable", "ipv4 h 1 fstrm-mode=both",
+       "ipv4 h 1 tls-client-certificate=off", "kafka b:1 topic=t topic=a/b",
+       "kafka b:1 topic=t key=server", "kafka b:1 topic=t compression=brotli",
+       "kafka b:1 topic=t acks=ALL", "kafka b:1 topic=t delivery-timeout=3601",
+       "kafka b:1 topic=" + std::string(250, 'x')});
 }
 
 TEST(ListenerSettingsTest, SocketListeners) {
@@ -181,15 +186,11 @@ TEST(ListenerSettingsTest, Errors) {
   };
   for (const auto& [value, message] : cases)
     EXPECT_EQ(parseError<listener::ListenerError>(listener::parse, value), message) << value;
-  for (const std::string value :
-       {"ipv4 h 1 read-timeout=121", "ipv4 h 1 keepalive=-1", "ipv4 h 1 max-connections=0",
-        "unix p fstrm-data-frame-max-size=0", "ipv4 h 1 tls=ON", "etw resolver-response=Off",
-        "etw dnstap-identity=hostname", "etw dnstap-version=Vantrelo"}) {
-    const std::string option = value.substr(value.rfind(' ') + 1);
-    EXPECT_EQ(parseError<listener::ListenerError>(listener::parse, value),
-              "Invalid " + option.substr(0, option.find('=')) + " option")
-        << value;
-  }
+  expectInvalidOption<listener::ListenerError>(
+      listener::parse,
+      {"ipv4 h 1 read-timeout=121", "ipv4 h 1 keepalive=-1", "ipv4 h 1 max-connections=0",
+       "unix p fstrm-data-frame-max-size=0", "ipv4 h 1 tls=ON", "etw resolver-response=Off",
+       "etw dnstap-identity=hostname", "etw dnstap-version=Vantrelo"});
 }
 
 }  // namespace
